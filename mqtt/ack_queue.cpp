@@ -1,0 +1,136 @@
+// The queue of inbound events and the judgement of which waiting request an event belongs to. Any thread.
+#include "mqtt/ack_queue.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "util/boot_clock.h"
+
+namespace zeb::mqtt {
+namespace {
+
+bool CanBeAwaited(MsgType type) {
+  switch (type) {
+    case MsgType::RESERVED:
+    case MsgType::CONNACK:
+    case MsgType::PUBACK:
+    case MsgType::PUBREC:
+    case MsgType::PUBCOMP:
+    case MsgType::SUBACK:
+    case MsgType::UNSUBACK:
+    case MsgType::PINGRESP:
+      return true;
+    default:
+      return false;
+  }
+}
+
+}  // namespace
+
+AckQueue::Waiter::Waiter(AckQueue& queue, MsgType awaited, int message_id)
+    : queue_(queue), awaited_(awaited), message_id_(message_id) {
+  const util::MutexLock lock(queue_.mutex_);
+  queue_.waiters_.push_back(this);
+}
+
+AckQueue::Waiter::~Waiter() {
+  const util::MutexLock lock(queue_.mutex_);
+  queue_.waiters_.remove(this);
+}
+
+void AckQueue::Enqueue(const AckEvent& event) {
+  util::MutexLock lock(mutex_);
+  ack_event_l_.push_back({++last_number_, event});
+  if (CanBeAwaited(event.type)) {
+    last_awaitable_ = last_number_;
+  } else {
+    ++unawaited_count_;
+  }
+  DropOldest();
+  lock.Unlock();
+  cond_.Broadcast();
+}
+
+// Makes room after one event was appended, at the cost of what can be missed best.
+void AckQueue::DropOldest() {
+  if (unawaited_count_ > k_max_unawaited) {
+    const auto oldest = std::find_if(ack_event_l_.begin(), ack_event_l_.end(),
+                                     [](const Entry& entry) { return !CanBeAwaited(entry.event.type); });
+    ack_event_l_.erase(oldest);
+    --unawaited_count_;
+  }
+  if (ack_event_l_.size() > k_max_events) {
+    if (!CanBeAwaited(ack_event_l_.front().event.type)) --unawaited_count_;
+    ack_event_l_.pop_front();
+  }
+}
+
+AckQueue::Look AckQueue::Dequeue(Waiter& waiter, AckEvent& out, int64_t timeout_us) {
+  const int64_t deadline_us = util::MonotonicUs() + timeout_us;
+  bool timed_out = false;
+  const util::MutexLock lock(mutex_);
+  for (;;) {
+    // Numbers ascend, so the first unseen event is found from the back in as many steps as there are new
+    // ones.
+    auto unseen = ack_event_l_.end();
+    while (unseen != ack_event_l_.begin() && std::prev(unseen)->number > waiter.seen_) --unseen;
+    if (unseen != ack_event_l_.end()) return Judge(waiter, unseen, out);
+    if (timed_out) {
+      Look nothing;
+      nothing.queued = ack_event_l_.size();
+      return nothing;
+    }
+    const int64_t left_us = std::max<int64_t>(deadline_us - util::MonotonicUs(), 0);
+    timed_out = left_us == 0 || cond_.WaitUntil(mutex_, left_us) == kTimeout;
+  }
+}
+
+AckQueue::Look AckQueue::Judge(Waiter& waiter, Entries::iterator entry, AckEvent& out) {
+  AckEvent& event = entry->event;
+  waiter.seen_ = entry->number;
+  Look look;
+  look.type = event.type;
+  look.message_id = event.message_id;
+  if (event.type == waiter.awaited_) {
+    const bool own = waiter.message_id_ <= 0 || waiter.message_id_ == event.message_id;
+    look.verdict = own                               ? Verdict::kMatch
+                   : AwaitedByAnother(waiter, event) ? Verdict::kOthers
+                                                     : Verdict::kDropped;
+  } else {
+    look.verdict = event.type == MsgType::RESERVED ? Verdict::kEnd : Verdict::kForeign;
+  }
+  const bool stays = look.verdict == Verdict::kOthers || look.verdict == Verdict::kForeign;
+  if (look.verdict == Verdict::kMatch) out = std::move(event);
+  if (!stays) ack_event_l_.erase(entry);  // what is taken can be awaited, so the other count stands
+  look.queued = ack_event_l_.size();
+  return look;
+}
+
+bool AckQueue::AwaitedByAnother(const Waiter& waiter, const AckEvent& event) const {
+  return std::any_of(waiters_.begin(), waiters_.end(), [&](const Waiter* other) {
+    return other != &waiter && other->awaited_ == event.type && other->message_id_ == event.message_id;
+  });
+}
+
+void AckQueue::AwaitNews(uint64_t* seen, int64_t timeout_us) {
+  const int64_t deadline_us = util::MonotonicUs() + timeout_us;
+  const util::MutexLock lock(mutex_);
+  while (last_awaitable_ <= *seen) {
+    const int64_t left_us = deadline_us - util::MonotonicUs();
+    if (left_us <= 0 || cond_.WaitUntil(mutex_, left_us) == kTimeout) break;
+  }
+  *seen = last_awaitable_;
+}
+
+uint64_t AckQueue::News() {
+  const util::MutexLock lock(mutex_);
+  return last_awaitable_;
+}
+
+void AckQueue::Clear() {
+  const util::MutexLock lock(mutex_);
+  ack_event_l_.clear();
+  unawaited_count_ = 0;
+}
+
+}  // namespace zeb::mqtt

@@ -1,0 +1,106 @@
+// The meeting place of the receive thread, which reports what came in, and the requests that wait for it.
+#pragma once
+
+#include <cstdint>
+#include <list>
+
+#include "mqtt/mqtt_wrapper.h"
+#include "util/condition.h"
+#include "util/mutex.h"
+
+namespace zeb::mqtt {
+
+using MsgType = MqttWrapper::MessageType;
+
+/// One inbound packet, as far as a waiting request needs it. Type RESERVED marks the connection's end.
+struct AckEvent {
+  MsgType type = MsgType::RESERVED;
+  MqttWrapper::ConnectAck connect_ack;                // CONNACK
+  MqttWrapper::SubscriptionAck subscription_ack;      // SUBACK
+  MqttWrapper::UnsubscriptionAck unsubscription_ack;  // UNSUBACK
+  uint16_t message_id = 0;
+};
+
+/// Events in order of arrival. Several requests wait at once, each registered with what it awaits: an event
+/// that is not a request's own stays where it is for the others, and is looked at only once by each request.
+/// Any thread.
+class AckQueue {
+ public:
+  /// Events that no request can wait for (PUBLISH, say) are kept up to this many,
+  static constexpr size_t k_max_unawaited = 64;
+  /// and all events together up to this many; the oldest go first.
+  static constexpr size_t k_max_events = 256;
+
+  /// A request's place in the queue, for as long as the object lives. Register before sending, so that other
+  /// requests leave this one's acknowledgement alone from the start.
+  class Waiter {
+   public:
+    /// `message_id` 0 or less accepts any identifier. `queue` must outlive the waiter.
+    Waiter(AckQueue& queue, MsgType awaited, int message_id);
+    ~Waiter();
+    Waiter(const Waiter&) = delete;
+    Waiter& operator=(const Waiter&) = delete;
+
+   private:
+    friend class AckQueue;
+    AckQueue& queue_;
+    const MsgType awaited_;
+    const int message_id_;
+    uint64_t seen_ = 0;  // number of the newest event looked at; its own thread's alone
+  };
+
+  /// What a look at the next event told.
+  enum class Verdict {
+    kNothing,  // no event came in time
+    kMatch,    // the awaited acknowledgement: taken
+    kDropped,  // the awaited type for an identifier that no request awaits: taken
+    kOthers,   // the awaited type for an identifier that another request awaits: left
+    kForeign,  // another type: left
+    kEnd,      // the connection's end: taken
+  };
+  struct Look {
+    Verdict verdict = Verdict::kNothing;
+    MsgType type = MsgType::RESERVED;
+    uint16_t message_id = 0;
+    size_t queued = 0;  // events in the queue afterwards
+  };
+
+  /// Appends a copy of the event and wakes every waiter.
+  void Enqueue(const AckEvent& event);
+
+  /// Takes the next event that this waiter has not seen, waiting for one up to `timeout_us` (0 or more; after
+  /// a time-out it looks once more). On a match the event is moved to `out`.
+  Look Dequeue(Waiter& waiter, AckEvent& out, int64_t timeout_us);
+
+  /// Waits up to `timeout_us` for an event that a request could wait for and that is newer than `*seen`, and
+  /// brings `*seen` up to date.
+  void AwaitNews(uint64_t* seen, int64_t timeout_us);
+  /// Number of the newest event that a request could wait for.
+  uint64_t News();
+
+  /// Forgets every event.
+  void Clear();
+
+ private:
+  friend struct SelfMqttImplPeer;  // tests look at the queued events through it
+
+  struct Entry {
+    uint64_t number;
+    AckEvent event;
+  };
+  using Entries = std::list<Entry>;
+
+  void DropOldest();
+  Look Judge(Waiter& waiter, Entries::iterator entry, AckEvent& out);
+  bool AwaitedByAnother(const Waiter& waiter, const AckEvent& event) const;
+
+  util::Mutex mutex_;  // guards everything below
+  util::Condition cond_;
+  Entries ack_event_l_;          // by ascending number
+  std::list<Waiter*> waiters_;   // requests in flight
+  uint64_t last_number_ = 0;     // of the newest event
+  uint64_t last_awaitable_ = 0;  // of the newest event that a request could wait for
+  size_t unawaited_count_ = 0;   // events that no request can wait for
+};
+
+}  // namespace zeb::mqtt

@@ -1,0 +1,135 @@
+// Life of the client object, its settings and its snapshots. Any thread.
+#include "mqtt/self_mqtt_impl.h"
+
+#include <cstdio>
+#include <utility>
+
+#include "mqtt/client_log.h"
+
+namespace zeb::mqtt {
+namespace {
+
+std::string WakeLockName(const void* client) {
+  char address[16] = {};
+  std::snprintf(address, sizeof address, "%u",
+                static_cast<unsigned int>(reinterpret_cast<uintptr_t>(client)));
+  return std::string("MQTT_") + address;
+}
+
+}  // namespace
+
+SelfMqttImpl::SelfMqttImpl(MqttWrapper* wrapper)
+    : tx_buf_(static_cast<uint8_t*>(std::calloc(static_cast<size_t>(k_max_tx_buf_), 1))),
+      wake_lock_name_(WakeLockName(this)),
+      wrapper_(wrapper),
+      option_(std::make_shared<const ConnectOption>()) {
+  if (tx_buf_ == nullptr) CLIENT_LOG(LOG_DEBUG, "Cannot alloc tx_buf_");
+}
+
+SelfMqttImpl::~SelfMqttImpl() { Shutdown(); }
+
+void SelfMqttImpl::Shutdown() {
+  (void)WaitForStop(-1);   // without a limit it has no other outcome
+  (void)StopRecvThread();  // kNotStarted: nothing to end
+}
+
+MqttWrapper::StatusInfo SelfMqttImpl::GetStatusInfo() const {
+  MqttWrapper::StatusInfo info;
+  info.status = status_;
+  if (IsMqtt5()) {
+    info.reason_code = broker_reason_code_;
+  } else {
+    info.dis_reason = dis_reason_;
+  }
+  return info;
+}
+
+Result SelfMqttImpl::SetPubAckUserProperties(std::list<PairedString>& user_property) {
+  const util::MutexLock lock(option_mutex_);
+  puback_user_property_ = user_property;
+  return kSuccess;
+}
+
+Result SelfMqttImpl::SetPubRecUserProperties(std::list<PairedString>& user_property) {
+  const util::MutexLock lock(option_mutex_);
+  pubrec_user_property_ = user_property;
+  return kSuccess;
+}
+
+Result SelfMqttImpl::SetPubCompUserProperties(std::list<PairedString>& user_property) {
+  const util::MutexLock lock(option_mutex_);
+  pubcomp_user_property_ = user_property;
+  return kSuccess;
+}
+
+std::string SelfMqttImpl::Tag() const {
+  const util::MutexLock lock(option_mutex_);
+  return tag_;
+}
+
+void SelfMqttImpl::SetTag(const std::string& tag) {
+  const util::MutexLock lock(option_mutex_);
+  tag_ = tag;
+}
+
+std::shared_ptr<const SelfMqttImpl::ConnectOption> SelfMqttImpl::Options() const {
+  const util::MutexLock lock(option_mutex_);
+  return option_;
+}
+
+void SelfMqttImpl::SetOptions(std::shared_ptr<const ConnectOption> option) {
+  util::MutexLock lock(option_mutex_);
+  option_.swap(option);
+  lock.Unlock();  // the application's callables may be destroyed with the old options: not under a lock
+}
+
+std::list<MqttWrapper::PairedString> SelfMqttImpl::AckUserProperties(
+    const std::list<PairedString>& list) const {
+  const util::MutexLock lock(option_mutex_);
+  return list;
+}
+
+std::shared_ptr<util::SocketClient> SelfMqttImpl::SharedSocket() const {
+  const util::MutexLock lock(socket_mutex_);
+  return socket_client_;
+}
+
+int SelfMqttImpl::NextMessageId() {
+  constexpr int32_t k_last_message_id = 65535;
+  const util::MutexLock lock(message_id_mutex_);
+  message_id_ = message_id_ < k_last_message_id ? message_id_ + 1 : 1;
+  return message_id_;
+}
+
+void SelfMqttImpl::LogUserProperties(const char* function,
+                                     const std::list<PairedString>& user_property) const {
+  for (const PairedString& pair : user_property) {
+    CLIENT_LOG_AS(function, LOG_DEBUG, "user_property [%s]:[%s]", pair.key.c_str(), pair.val.c_str());
+  }
+}
+
+void SelfMqttImpl::AppendUserProperties(PacketWriter& body, std::list<PairedString>& user_property) {
+  for (PairedString& pair : user_property) {
+    if (pair.key.empty() || pair.val.empty()) {
+      CLIENT_LOG(LOG_WARNING, "User property key [%s] or val [%s] empty", pair.key.c_str(), pair.val.c_str());
+      continue;
+    }
+    AppendProperty(body, pair, PropertyId::kUserProperty);
+  }
+}
+
+bool SelfMqttImpl::BodyFits(const char* request, const PacketWriter& body) const {
+  if (body.string_too_long()) {
+    CLIENT_LOG(LOG_ERR, "%s refused: a string is longer than [%zu] bytes", request,
+               PacketWriter::k_max_string);
+    return false;
+  }
+  if (!body.fits()) {
+    CLIENT_LOG(LOG_ERR, "%s refused: k_max_tx_buf_ [%d] , requested size [%zu]", request, k_max_tx_buf_,
+               body.size());
+    return false;
+  }
+  return true;
+}
+
+}  // namespace zeb::mqtt

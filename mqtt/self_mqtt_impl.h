@@ -1,0 +1,307 @@
+// The client behind one MqttWrapper: one class, its operations spread over one source a concern.
+//
+// Three kinds of thread meet here: application threads (public operations), the client's own receive thread
+// (decoding, keep-alive, both callbacks) and the platform's network thread (EventCb). docs/architecture.md
+// has the lock table. The rules in short: no lock is held over a callback or a wait for the network; the
+// receive thread takes neither thread_mutex_ nor tx_mutex_ on its own account.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <cstdlib>
+#include <deque>
+#include <functional>
+#include <list>
+#include <memory>
+#include <string>
+
+#include "mqtt/ack_queue.h"
+#include "mqtt/mqtt_wrapper.h"
+#include "mqtt/packet_writer.h"
+#include "mqtt/property_id.h"
+#include "util/condition.h"
+#include "util/mutex.h"
+#include "util/network_manager.h"
+#include "util/socket.h"
+#include "util/ssl_wrapper.h"
+#include "util/thread.h"
+
+namespace zeb::mqtt {
+
+class SelfMqttImpl {
+ public:
+  using ConnectOption = MqttWrapper::ConnectOption;
+  using ConnectAck = MqttWrapper::ConnectAck;
+  using PairedString = MqttWrapper::PairedString;
+  using Properties = MqttWrapper::Properties;
+  using PublishMessage = MqttWrapper::PublishMessage;
+
+  // ---- self_mqtt_impl.cpp: life, status, settings. Any thread.
+  explicit SelfMqttImpl(MqttWrapper* wrapper);
+  ~SelfMqttImpl();
+  SelfMqttImpl(const SelfMqttImpl&) = delete;
+  SelfMqttImpl& operator=(const SelfMqttImpl&) = delete;
+
+  /// Waits for a StopClient that runs on another thread and ends the receive thread, without DISCONNECT.
+  void Shutdown();
+  MqttWrapper::StatusInfo GetStatusInfo() const;
+  Result SetPubAckUserProperties(std::list<PairedString>& user_property);
+  Result SetPubRecUserProperties(std::list<PairedString>& user_property);
+  Result SetPubCompUserProperties(std::list<PairedString>& user_property);
+
+  // ---- wire_primitives.cpp: bytes in place; no state, any thread.
+  static int EncodeVbi(unsigned char* buf, unsigned int value);
+  static int EncodeFixedHeader(unsigned char* buf, unsigned int remaining_length, MsgType type, bool retain,
+                               unsigned char qos, bool duplicate);
+  static int EncodeString(unsigned char* buf, const std::string& text);
+  static int DecodeVbi(const unsigned char* buf, unsigned int available, int& value);
+  /// The decoders never read past `available`; what does not stand there whole moves nothing and returns 0.
+  static int DecodeString(const unsigned char* buf, size_t available, std::string& text);
+  static int DecodePairedString(const unsigned char* buf, size_t available, PairedString& pair);
+  /// Total length of the packet at `buf`; 0 when its length field does not end within `available`.
+  static int GetPacketLength(const unsigned char* buf, unsigned int available);
+
+  // ---- property_codec.cpp: MQTT 5.0 properties; no state, any thread.
+  /// Each writes one property at `buf` and returns the bytes written; a null `buf` gives -1 (the pair: 0).
+  static int EncodeProperty(uint8_t* buf, PairedString& pair, uint8_t identifier);
+  static int EncodeProperty(uint8_t* buf, uint32_t value, uint8_t identifier);
+  static int EncodeProperty(uint8_t* buf, uint16_t value, uint8_t identifier);
+  static int EncodeProperty(uint8_t* buf, bool value, uint8_t identifier);
+  static int EncodeProperty(uint8_t* buf, std::string& value, uint8_t identifier);
+  /// The same through a writer, which refuses what does not fit.
+  static void AppendProperty(PacketWriter& body, PairedString& pair, PropertyId identifier);
+  static void AppendProperty(PacketWriter& body, uint32_t value, PropertyId identifier);
+  static void AppendProperty(PacketWriter& body, uint16_t value, PropertyId identifier);
+  static void AppendProperty(PacketWriter& body, bool value, PropertyId identifier);
+  static void AppendProperty(PacketWriter& body, std::string& value, PropertyId identifier);
+  /// Reads a property block of at most `len` bytes; returns its declared size, whatever became of it.
+  static int DecodeProperties(const uint8_t* buf, size_t len, MsgType type, Properties& properties);
+
+  // ---- packet_decoder.cpp: inbound packets. Receive thread.
+  /// Decodes the complete packets at the front of `buf`; returns the bytes used up.
+  int DecodePackets(const uint8_t* buf, size_t len);
+  /// Decodes one packet; 0: incomplete, or of a type that is refused; -1: null `buf`.
+  int DecodePacket(const uint8_t* buf, size_t len);
+
+  // ---- rendezvous.cpp: the one way out. Any thread.
+  /// Sends the body from `begin` to `end` under a fixed header, watches it leave, and waits for the request's
+  /// acknowledgement; `ack` is the record that the type fills, or null. `body_lock`, when given, is the lock
+  /// under which the body was built: released as soon as the body has been copied.
+  Result SendAndWait(const uint8_t* end, const uint8_t* begin, MsgType type, bool retain, uint8_t qos,
+                     bool dup, int message_id, void* ack, util::MutexLock* body_lock = nullptr);
+
+  // ---- connection.cpp, connect_exchange.cpp. Application thread.
+  Result StartClient(ConnectOption& option, ConnectAck* ack);
+  Result Connect(ConnectOption& option, ConnectAck* ack);
+
+  // ---- receive_thread.cpp. Application thread.
+  Result StartRecvThread();
+  Result StopRecvThread();
+
+  // ---- keep_alive.cpp. Ping: any thread; Pong: receive thread.
+  Result Ping(bool wait);
+  Result Pong();
+
+  // ---- publish.cpp. Publish: application thread; PublishResponse: any.
+  Result Publish(MqttWrapper::PublishOption& option);
+  Result PublishResponse(MsgType type, uint16_t message_id, uint8_t reason_code,
+                         std::list<PairedString>& user_property);
+
+  // ---- subscribe.cpp. Application thread.
+  Result Subscribe(MqttWrapper::SubscribeOption& option, MqttWrapper::SubscriptionAck* ack);
+  Result Unsubscribe(MqttWrapper::UnsubscribeOption& option, MqttWrapper::UnsubscriptionAck* ack);
+
+  // ---- disconnect.cpp. Application thread, StopClient also inside message_cb; EventCb: the network's
+  // thread.
+  Result Disconnect(MqttWrapper::DisconnectOption* option);
+  Result StopClient(MqttWrapper::DisconnectOption* option);
+  void EventCb(util::EventDic& event);
+
+ private:
+  friend struct SelfMqttImplPeer;  // tests set stamps and look at state through it
+
+  struct RecvLoop;       // receive_thread.cpp: what lives as long as one receive thread
+  struct InboundPacket;  // packet_decoder.cpp: one packet being decoded
+  /// An inbound QoS 2 message whose PUBREL is still due.
+  struct RecvPublishMsg {
+    PublishMessage message;  // identifier and topic
+    int64_t recv_time = 0;   // microseconds of CLOCK_BOOTTIME
+  };
+  struct FreeDeleter {
+    void operator()(uint8_t* bytes) const { std::free(bytes); }
+  };
+  using ZeroedBytes = std::unique_ptr<uint8_t[], FreeDeleter>;  // from calloc: untouched pages cost nothing
+
+  enum Status : int32_t { kIdle = 0, kSocketConnected = 1, kSessionEstablished = 2, kDisconnected = 3 };
+  enum DisReason : int32_t { kNoReason = 0, kPeerClosed = 1, kNetworkFailure = 2, kKeepAliveFailure = 3 };
+  static constexpr int32_t k_mqtt5 = 2;           // ConnectOption::protocol
+  static constexpr int32_t k_max_timeout = 2147;  // seconds; more microseconds do not fit 32 bits
+
+  // ---- self_mqtt_impl.cpp
+  std::string Tag() const;
+  void SetTag(const std::string& tag);
+  std::shared_ptr<const ConnectOption> Options() const;
+  void SetOptions(std::shared_ptr<const ConnectOption> option);
+  bool IsMqtt5() const { return Options()->protocol == k_mqtt5; }
+  std::list<PairedString> AckUserProperties(const std::list<PairedString>& list) const;
+  std::shared_ptr<util::SocketClient> SharedSocket() const;
+  int NextMessageId();
+  /// Writes the pairs that are whole; logs a warning for each that is not.
+  void AppendUserProperties(PacketWriter& body, std::list<PairedString>& user_property);
+  void LogUserProperties(const char* function, const std::list<PairedString>& user_property) const;
+  /// Whether the body may be sent; logs why not.
+  bool BodyFits(const char* request, const PacketWriter& body) const;
+
+  // ---- rendezvous.cpp
+  Result CheckSendable(const std::shared_ptr<util::SocketClient>& socket);
+  Result WritePacket(util::SocketClient& socket, const uint8_t* packet, int size, int remaining_length,
+                     MsgType type, int64_t* start_us);
+  enum class QueueLook { kEmpty, kUnsent, kFailed };
+  QueueLook LookAtSendQueue(const util::SocketClient* socket);
+  Result DrainSendQueue(const util::SocketClient& socket, int64_t start_us, bool awaits);
+  QueueLook PauseDrain(const util::SocketClient& socket, bool first, uint64_t* news);
+  void LogDrained(int64_t start_us) const;
+  Result DrainFromLoop(const util::SocketClient& socket, int64_t start_us);
+  static void LogNoAck(MsgType awaited, int32_t timeout_sec);
+  Result AwaitAck(AckQueue::Waiter& waiter, MsgType awaited, int message_id, AckEvent& event);
+  MsgType AwaitedType(MsgType type, uint8_t qos) const;
+  void DeliverAck(MsgType type, AckEvent& event, void* ack) const;
+
+  // ---- connection.cpp
+  bool BeginStart(const ConnectOption& option);
+  void EndStart();
+  void ResetSession();
+  Result ChooseAddress(const ConnectOption& option, std::string& address, util::Socket::Domain& domain) const;
+  Result ChooseResolved(const ConnectOption& option, std::string& address,
+                        util::Socket::Domain& domain) const;
+  Result PrepareTls(const ConnectOption& option);
+  Result OpenSocket(const ConnectOption& option, const std::string& path, util::Socket::Domain domain);
+  Result Establish(ConnectOption& option, ConnectAck* ack);
+  Result ExchangeConnect(ConnectOption& option, ConnectAck& ack);
+
+  // ---- connect_exchange.cpp
+  void AppendConnectProperties(PacketWriter& body, ConnectOption& option);
+  void AppendWill(PacketWriter& body, MqttWrapper::LastWill& will, bool mqtt5);
+  void AppendWillProperties(PacketWriter& body, MqttWrapper::WillProperties& properties);
+
+  // ---- packet_decoder.cpp
+  bool DecodeConnack(InboundPacket& packet, AckEvent& event) const;
+  void DecodePublish(InboundPacket& packet);
+  void AnswerPublish(const InboundPacket& packet, const PublishMessage& message);
+  void DecodePubAck(InboundPacket& packet, AckEvent& event) const;
+  bool DecodePubRel(InboundPacket& packet, AckEvent& event);
+  bool DecodeSubAck(InboundPacket& packet, AckEvent& event) const;
+  bool DecodePingResp(InboundPacket& packet);
+  bool DecodeDisconnect(InboundPacket& packet);
+  bool DecodeByType(InboundPacket& packet, AckEvent& event);
+  void DeliverMessage(PublishMessage& message);
+
+  // ---- receive_thread.cpp
+  void RecvThread();
+  bool SetUpRecvLoop(RecvLoop& loop);
+  bool CreateTimer(RecvLoop& loop) const;
+  bool CreateEpoll(RecvLoop& loop) const;
+  void RunRecvLoop(RecvLoop& loop);
+  bool PassRecvLoop(RecvLoop& loop);
+  int WaitForEvents(RecvLoop& loop, struct epoll_event* events);
+  void RearmTimer(RecvLoop& loop, int n);
+  void CheckOverdue(int64_t overdue_us) const;
+  void DispatchEvents(RecvLoop& loop, const struct epoll_event* events, int n);
+  bool HandleControl(const RecvLoop& loop);
+  bool HandleTimer(const RecvLoop& loop);
+  void PollPendingDrains(const util::SocketClient* socket);
+  int WaitLimitMs(const RecvLoop& loop) const;
+  void EndRecvThread(RecvLoop& loop);
+  void AwaitThreadEnd();
+  void EndSession(int32_t dis_reason);
+  bool OnReceiveThread() const;
+  bool WriteControl(const char (&message)[9]) const;
+
+  // ---- receive_stream.cpp
+  void ReceiveAvailable(RecvLoop& loop);
+  void SkipOversized(RecvLoop& loop, const uint8_t* data, int rs);
+  void DecodeReceived(RecvLoop& loop, int rs);
+  int DropRefused(const uint8_t* buf, int len) const;
+
+  // ---- keep_alive.cpp
+  void ResetStamps();
+  void RecordPing();
+  void RecordPong();
+  Result JudgeAnswer();
+
+  // ---- subscribe.cpp
+  Result AppendSubscribeProperties(PacketWriter& body, MqttWrapper::SubscribeOption& option);
+  Result AppendFilters(PacketWriter& body, MqttWrapper::SubscribeOption& option) const;
+
+  // ---- disconnect.cpp
+  void BuildDisconnect(PacketWriter& body, MqttWrapper::DisconnectOption& option);
+  bool BeginStop();
+  void EndStop();
+  /// Waits until no stop is running, up to `timeout_us`, or without a limit when it is negative.
+  bool WaitForStop(int64_t timeout_us);
+  void DestroyConnection();
+  void FinishStop();
+
+  const int32_t k_max_tx_buf_ = 131072;   // bytes: largest body the client can build
+  const int32_t k_max_rx_buf_ = 131072;   // bytes: largest packet the client can take
+  const int32_t max_publish_ = 100000;    // bytes: largest PUBLISH payload
+  int32_t keep_alive_ = 0;                // seconds; set before the receive thread exists, then read by it
+  int64_t keep_alive_us_ = 0;             // the same
+  std::atomic<bool> keep_thread_{false};  // cleared by any thread, read by the receive thread
+  util::Thread recv_thread_;              // handle_mutex_; joined by one thread under thread_mutex_
+  util::Mutex thread_mutex_;              // start and stop of the receive thread, held across the join
+  util::Mutex message_id_mutex_;          // message_id_
+  util::Mutex ping_mutex_;                // one Ping at a time, held for the whole of it
+  util::Mutex send_mutex_;                // disconnect_called_
+  mutable util::Mutex socket_mutex_;      // socket_client_, ssl_wrapper_: the pointers, not the objects
+  util::Mutex stop_mutex_;                // stop_calling_, starting_
+  std::shared_ptr<util::SocketClient> socket_client_;
+  std::shared_ptr<util::SslWrapper> ssl_wrapper_;
+  AckQueue ack_event_q_;                 // has its own lock
+  int32_t left_buf_size_ = 0;            // receive thread: bytes of an incomplete packet held
+  int32_t extra_packet_size_ = 0;        // receive thread: bytes of an oversized packet beyond the buffer
+  ZeroedBytes tx_buf_;                   // tx_mutex_
+  std::atomic<bool> ping_wait_{false};   // written under ping_mutex_, read by the receive thread
+  int64_t pong_recv_ = 0;                // stamp_mutex_: microseconds of CLOCK_BOOTTIME, 0 none
+  int64_t ping_sent_ = 0;                // stamp_mutex_: the same
+  std::atomic<int64_t> last_sent_{0};    // the same; written by any sender, read by the receive thread
+  std::atomic<int32_t> timeout_sec_{0};  // seconds
+  int64_t timeout_us_ = 0;               // set before the receive thread exists, then read by it
+  std::atomic<int> event_fd_{-1};        // written under thread_mutex_; the number alone is read elsewhere
+  int32_t message_id_ = 0;               // message_id_mutex_: the identifier handed out last
+  bool stop_calling_ = false;            // stop_mutex_: a stop is running
+  bool disconnect_called_ = false;       // send_mutex_: DISCONNECT went out
+  std::string wake_lock_name_;           // set once
+  std::string tag_;                      // option_mutex_
+  MqttWrapper* const wrapper_;
+  std::shared_ptr<const ConnectOption> option_;  // option_mutex_: replaced whole, read as a snapshot
+  std::atomic<int32_t> status_{kIdle};
+  std::atomic<int32_t> dis_reason_{kNoReason};
+  std::atomic<int32_t> broker_reason_code_{0};
+  util::NetworkManager network_manager_;           // its callback: the receive thread
+  std::list<PairedString> puback_user_property_;   // option_mutex_
+  std::list<PairedString> pubrec_user_property_;   // option_mutex_
+  std::list<PairedString> pubcomp_user_property_;  // option_mutex_
+  std::list<RecvPublishMsg> recv_publish_msg_l;    // receive thread; survives a restart
+
+  // What several requests and a stop from anywhere need beyond that.
+  mutable util::Mutex option_mutex_;  // option_, tag_, the three lists
+  util::Mutex tx_mutex_;              // tx_buf_, from building a body to SendAndWait's copy of it
+  util::Mutex stamp_mutex_;           // ping_sent_, pong_recv_ and the three below, as one snapshot
+  int32_t pings_unanswered_ = 0;      // PINGREQs whose PINGRESP the broker still owes
+  bool ping_gave_up_ = false;         // the last PINGREQ's waiter left before its answer
+  bool pong_was_late_ = false;        // an answer judged out of turn came after the limit
+  util::Condition stop_cond_;         // stop_mutex_: stop_calling_ was cleared
+  bool starting_ = false;             // stop_mutex_: a start is running
+  util::Mutex handle_mutex_;          // thread_state_, and recv_thread_ against the thread's own Detach
+  util::Condition handle_cond_;       // handle_mutex_: thread_state_ changed
+  enum class ThreadState { kNone, kRunning, kJoinable, kDetached };
+  ThreadState thread_state_ = ThreadState::kNone;
+  std::atomic<bool> stop_requested_{false};  // "evt_exit" was written, whatever the descriptor tells
+  std::atomic<bool> network_lost_{false};    // "evt_disc" was written, whatever the descriptor tells
+  std::atomic<bool> recv_ended_{false};      // the receive thread has left its loop
+  std::atomic<bool> self_stopped_{false};    // stopped from inside message_cb: the thread finishes the stop
+  std::deque<int64_t> pending_drains_;       // receive thread: start times of packets not yet seen to leave
+};
+
+}  // namespace zeb::mqtt

@@ -1,0 +1,149 @@
+// CONNECT: what the application asked for becomes one packet, and its CONNACK is awaited. Runs on the thread
+// that starts the client, while the receive thread is already there to take the answer.
+#include "mqtt/client_log.h"
+#include "mqtt/self_mqtt_impl.h"
+
+namespace zeb::mqtt {
+namespace {
+
+constexpr int32_t kMqtt311 = 1;  // ConnectOption::protocol
+constexpr int32_t kMqtt5 = 2;
+constexpr uint8_t kLevelMqtt311 = 4;  // Protocol Level (MQTT 3.1.1, 3.1.2.2)
+constexpr uint8_t kLevelMqtt5 = 5;
+constexpr const char* kConnect =
+    "zeb::Result zeb::mqtt::SelfMqttImpl::Connect(zeb::mqtt::MqttWrapper::ConnectOption&, "
+    "zeb::mqtt::MqttWrapper::ConnectAck*)";
+
+// Connect Flags (MQTT 5.0, 3.1.2.3).
+constexpr uint8_t kUserNameFlag = 0x80;
+constexpr uint8_t kPasswordFlag = 0x40;
+constexpr uint8_t kWillRetainFlag = 0x20;
+constexpr int kWillQosShift = 3;
+constexpr uint8_t kWillFlag = 0x04;
+constexpr uint8_t kCleanSessionFlag = 0x02;
+
+uint8_t ConnectFlags(const MqttWrapper::ConnectOption& option) {
+  unsigned int flags = 0;
+  if (!option.user_name.empty()) flags |= kUserNameFlag;
+  if (!option.password.empty()) flags |= kPasswordFlag;
+  if (option.clean_session) flags |= kCleanSessionFlag;
+  if (option.lwt.enable) {
+    flags |= kWillFlag | (option.lwt.msg.qos & 3U) << kWillQosShift;
+    if (option.lwt.msg.retain) flags |= kWillRetainFlag;
+  }
+  return static_cast<uint8_t>(flags);
+}
+
+uint32_t Low32(int64_t value) { return static_cast<uint32_t>(value & 0xFFFFFFFF); }
+uint16_t Low16(int32_t value) { return static_cast<uint16_t>(value & 0xFFFF); }
+
+}  // namespace
+
+Result SelfMqttImpl::Connect(ConnectOption& option, ConnectAck* ack) {
+  {
+    const util::MutexLock lock(send_mutex_);
+    disconnect_called_ = false;
+  }
+  const bool mqtt5 = option.protocol == kMqtt5;
+  if (mqtt5) option.maximum_packet_size = k_max_rx_buf_;  // what the receive buffer holds
+  SetOptions(std::make_shared<const ConnectOption>(option));
+  broker_reason_code_ = 0;
+  if (!mqtt5 && option.protocol != kMqtt311) {
+    CLIENT_LOG(LOG_ERR, "Unsupported mqtt protocol [%d]", option.protocol);
+    return kInvalidArgument;
+  }
+  if (tx_buf_ == nullptr) return kFailure;
+
+  util::MutexLock body_lock(tx_mutex_);
+  PacketWriter body(tx_buf_.get(), static_cast<size_t>(k_max_tx_buf_));
+  const uint8_t flags = ConnectFlags(option);
+  body.AppendString("MQTT");
+  body.AppendByte(mqtt5 ? kLevelMqtt5 : kLevelMqtt311);
+  body.AppendByte(flags);
+  body.AppendUint16(Low16(option.keep_alive));
+  CLIENT_LOG(LOG_DEBUG, "protocol [%d]", option.protocol);
+  if (mqtt5) AppendConnectProperties(body, option);
+  CLIENT_LOG(LOG_DEBUG, "id [%s]", option.client_id.c_str());
+  CLIENT_LOG(LOG_DEBUG, "user_name: %s", option.user_name.c_str());
+  CLIENT_LOG(LOG_DEBUG, "password: %s", option.password.c_str());
+  CLIENT_LOG(LOG_DEBUG, "lwt.enable %d flags 0x%x", option.lwt.enable ? 1 : 0, flags);
+  body.AppendString(option.client_id);
+  if (option.lwt.enable) AppendWill(body, option.lwt, mqtt5);
+  if (!option.user_name.empty()) body.AppendString(option.user_name);
+  if (!option.password.empty()) body.AppendString(option.password);
+  if (!BodyFits("CONNECT", body)) return kInvalidArgument;
+  return SendAndWait(body.end(), body.begin(), MsgType::CONNECT, false, 0, false, -1, ack, &body_lock);
+}
+
+void SelfMqttImpl::AppendConnectProperties(PacketWriter& body, ConnectOption& option) {
+  CLIENT_LOG_AS(kConnect, LOG_DEBUG, "CONNECT PROPERTIES");
+  CLIENT_LOG_AS(kConnect, LOG_DEBUG,
+                "session_expiry_interval [%jd] receive_maximum [%d] maximum_packet_size [%jd] "
+                "topic_alias_maximum [%d] request_response_information [%d] request_problem_information [%d]",
+                static_cast<intmax_t>(option.session_expiry_interval), option.receive_maximum,
+                static_cast<intmax_t>(option.maximum_packet_size), option.topic_alias_maximum,
+                option.request_response_information, option.request_problem_information);
+  LogUserProperties(kConnect, option.user_property);
+  const size_t block = body.BeginBlock();
+  if (option.session_expiry_interval >= 0) {
+    AppendProperty(body, Low32(option.session_expiry_interval), PropertyId::kSessionExpiryInterval);
+  }
+  if (option.receive_maximum >= 0) {
+    AppendProperty(body, Low16(option.receive_maximum), PropertyId::kReceiveMaximum);
+  }
+  if (option.maximum_packet_size >= 1) {
+    AppendProperty(body, Low32(option.maximum_packet_size), PropertyId::kMaximumPacketSize);
+  }
+  if (option.topic_alias_maximum >= 0) {
+    AppendProperty(body, Low16(option.topic_alias_maximum), PropertyId::kTopicAliasMaximum);
+  }
+  if (option.request_response_information >= 0) {
+    AppendProperty(body, option.request_response_information != 0, PropertyId::kRequestResponseInformation);
+  }
+  if (option.request_problem_information >= 0) {
+    AppendProperty(body, option.request_problem_information != 0, PropertyId::kRequestProblemInformation);
+  }
+  AppendUserProperties(body, option.user_property);
+  CLIENT_LOG_AS(kConnect, LOG_DEBUG, "property_length [%u]",
+                static_cast<unsigned int>(body.BlockLength(block)));
+  body.EndBlock(block);
+}
+
+void SelfMqttImpl::AppendWill(PacketWriter& body, MqttWrapper::LastWill& will, bool mqtt5) {
+  if (mqtt5) AppendWillProperties(body, will.properties);
+  CLIENT_LOG_AS(kConnect, LOG_DEBUG, "lwt topic [%s] msg [%s]", will.msg.topic.c_str(),
+                will.msg.payload.c_str());
+  body.AppendString(will.msg.topic);
+  body.AppendBinary(will.msg.payload);
+}
+
+void SelfMqttImpl::AppendWillProperties(PacketWriter& body, MqttWrapper::WillProperties& properties) {
+  CLIENT_LOG_AS(kConnect, LOG_DEBUG,
+                "lwt will_delay_interval [%jd] payload_format_indicator [%d] message_expiry_interval [%jd] "
+                "content_type [%s] response_topic [%s]",
+                static_cast<intmax_t>(properties.will_delay_interval), properties.payload_format_indicator,
+                static_cast<intmax_t>(properties.message_expiry_interval), properties.content_type.c_str(),
+                properties.response_topic.c_str());
+  const size_t block = body.BeginBlock();
+  if (properties.will_delay_interval >= 0) {
+    AppendProperty(body, Low32(properties.will_delay_interval), PropertyId::kWillDelayInterval);
+  }
+  if (properties.payload_format_indicator >= 0) {
+    AppendProperty(body, properties.payload_format_indicator != 0, PropertyId::kPayloadFormatIndicator);
+  }
+  if (properties.message_expiry_interval >= 0) {
+    AppendProperty(body, Low32(properties.message_expiry_interval), PropertyId::kMessageExpiryInterval);
+  }
+  if (!properties.content_type.empty()) {
+    AppendProperty(body, properties.content_type, PropertyId::kContentType);
+  }
+  if (!properties.response_topic.empty()) {
+    AppendProperty(body, properties.response_topic, PropertyId::kResponseTopic);
+  }
+  CLIENT_LOG_AS(kConnect, LOG_DEBUG, "correlation_data length [%zu]", properties.correlation_data.length());
+  CLIENT_LOG_AS(kConnect, LOG_DEBUG, "property_length [%u]",
+                static_cast<unsigned int>(body.BlockLength(block)));
+  body.EndBlock(block);
+}
+
+}  // namespace zeb::mqtt

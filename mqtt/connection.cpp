@@ -1,0 +1,210 @@
+// From a stopped client to an established session: checks, address, TLS, socket, receive thread, CONNECT.
+// Runs on the thread that calls StartClient.
+#include <algorithm>
+#include <utility>
+#include <vector>
+
+#include "mqtt/client_log.h"
+#include "mqtt/self_mqtt_impl.h"
+
+namespace zeb::mqtt {
+namespace {
+
+constexpr size_t kMaxClientId = 128;  // bytes
+constexpr int64_t kUsPerSecond = 1'000'000;
+constexpr const char* kStartClient =
+    "zeb::Result zeb::mqtt::SelfMqttImpl::StartClient(zeb::mqtt::MqttWrapper::ConnectOption&, "
+    "zeb::mqtt::MqttWrapper::ConnectAck*)";
+
+using Domain = util::Socket::Domain;
+
+// The names' first address of the given family, if there is one.
+bool TakeFirst(const std::vector<std::string>& addresses, Domain family, std::string& address,
+               Domain& domain) {
+  if (addresses.empty()) return false;
+  address = addresses.front();
+  domain = family;
+  return true;
+}
+
+}  // namespace
+
+Result SelfMqttImpl::StartClient(ConnectOption& option, ConnectAck* ack) {
+  SetTag(option.client_id);
+  if (option.client_id.empty() || option.client_id.size() > kMaxClientId) {
+    CLIENT_LOG(LOG_ERR, "Invald client_id [%s]", option.client_id.c_str());
+    return kInvalidArgument;
+  }
+  if (!BeginStart(option)) {
+    CLIENT_LOG(LOG_ERR, "event_fd [%d] already created", event_fd_.load());
+    return kAlreadyStarted;
+  }
+  const Result result = Establish(option, ack);
+  EndStart();
+  return result;
+}
+
+// Claims the start. A stop that is still running is waited for, so that it cannot take the new session down;
+// on the receive thread it could only be waited for in vain.
+bool SelfMqttImpl::BeginStart(const ConnectOption& option) {
+  if (OnReceiveThread()) return false;
+  {
+    const util::MutexLock lock(stop_mutex_);
+    if (starting_) return false;
+    starting_ = true;
+  }
+  const bool stopped = WaitForStop(std::clamp(option.timeout, 0, k_max_timeout) * kUsPerSecond);
+  if (stopped && self_stopped_) (void)StopRecvThread();  // reaps the thread that message_cb stopped
+  if (stopped && event_fd_ <= 0) return true;
+  EndStart();
+  return false;
+}
+
+void SelfMqttImpl::EndStart() {
+  const util::MutexLock lock(stop_mutex_);
+  starting_ = false;
+}
+
+Result SelfMqttImpl::Establish(ConnectOption& option, ConnectAck* ack) {
+  ResetSession();
+  std::string address;
+  Domain domain = Domain::kIpv4;
+  if (const Result result = ChooseAddress(option, address, domain); result != kSuccess) return result;
+  if (address.empty()) return kInvalidArgument;
+  const std::string path = address + ";" + std::to_string(option.port);
+  CLIENT_LOG_AS(kStartClient, LOG_DEBUG, "path %s tls %d", path.c_str(), option.tls ? 1 : 0);
+  if (const Result result = PrepareTls(option); result != kSuccess) return result;
+
+  timeout_sec_ = std::min(option.timeout, k_max_timeout);
+  timeout_us_ = timeout_sec_ * kUsPerSecond;
+  keep_alive_ = option.keep_alive;
+  keep_alive_us_ = keep_alive_ * kUsPerSecond;
+  CLIENT_LOG_AS(kStartClient, LOG_DEBUG, "before connect mqtt client");
+  if (const Result result = OpenSocket(option, path, domain); result != kSuccess) return result;
+  status_ = kSocketConnected;
+
+  if (const Result result = StartRecvThread(); result != kSuccess) {
+    CLIENT_LOG_AS(kStartClient, LOG_ERR, "StartRecvThread returns %d", result);
+    return result;
+  }
+  ConnectAck unused;
+  return ExchangeConnect(option, ack != nullptr ? *ack : unused);
+}
+
+void SelfMqttImpl::ResetSession() {
+  status_ = kIdle;
+  dis_reason_ = kNoReason;
+  {
+    const util::MutexLock lock(message_id_mutex_);
+    message_id_ = 0;
+  }
+  ResetStamps();
+}
+
+Result SelfMqttImpl::ChooseAddress(const ConnectOption& option, std::string& address, Domain& domain) const {
+  for (const Domain family : {Domain::kIpv4, Domain::kIpv6}) {
+    if (!util::NetworkManager::IsValidAddress(option.host, family == Domain::kIpv6)) continue;
+    address = option.host;
+    domain = family;
+    return kSuccess;
+  }
+  return ChooseResolved(option, address, domain);
+}
+
+Result SelfMqttImpl::ChooseResolved(const ConnectOption& option, std::string& address, Domain& domain) const {
+  std::vector<std::string> ipv4;
+  std::vector<std::string> ipv6;
+  if (util::NetworkManager::ResolveHostName(option.host, ipv4, ipv6) != 0) {
+    CLIENT_LOG_AS(kStartClient, LOG_ERR, "Cannot Resolv %s into ip address", option.host.c_str());
+    return kInvalidArgument;
+  }
+  if (option.iface_name.empty()) {
+    return TakeFirst(ipv4, Domain::kIpv4, address, domain) ? kSuccess : kNoAddress;
+  }
+  std::string own_ipv4;
+  std::string own_ipv6;
+  (void)util::NetworkManager::GetIpAddress(option.iface_name, own_ipv4, false);  // empty when there is none
+  (void)util::NetworkManager::GetIpAddress(option.iface_name, own_ipv6, true);
+  if (own_ipv4.empty() && own_ipv6.empty()) {
+    CLIENT_LOG_AS(kStartClient, LOG_ERR, "There's no ip addresses for %s", option.iface_name.c_str());
+    return kNoAddress;
+  }
+  if (!own_ipv6.empty() && TakeFirst(ipv6, Domain::kIpv6, address, domain)) return kSuccess;
+  if (!own_ipv4.empty() && TakeFirst(ipv4, Domain::kIpv4, address, domain)) return kSuccess;
+  CLIENT_LOG_AS(kStartClient, LOG_ERR, "There's no target address found for iface name %s",
+                option.iface_name.c_str());
+  return kNoAddress;
+}
+
+Result SelfMqttImpl::PrepareTls(const ConnectOption& option) {
+  std::shared_ptr<util::SslWrapper> ssl;
+  if (option.tls) ssl = std::make_shared<util::SslWrapper>(false, option.ssl_method);
+  {
+    util::MutexLock lock(socket_mutex_);
+    const std::shared_ptr<util::SslWrapper> earlier = std::exchange(ssl_wrapper_, ssl);
+    lock.Unlock();
+  }
+  if (ssl == nullptr) return kSuccess;
+  if (!option.cipher_lists.empty())
+    (void)ssl->SetCipherLists(option.cipher_lists);  // a refusal fails the connect
+  if (!option.ca_file.empty()) {
+    CLIENT_LOG_AS(kStartClient, LOG_DEBUG, "ca_file %s root_ca_file_type [%d]", option.ca_file.c_str(),
+                  static_cast<int>(option.root_ca_file_type));
+    const int32_t code = ssl->SetRootCaFile(option.ca_file, option.root_ca_file_type);
+    if (code != 0) {
+      CLIENT_LOG_AS(kStartClient, LOG_ERR, "Cannot set ca root file [%s]", option.ca_file.c_str());
+      return static_cast<Result>(code);
+    }
+  }
+  if (option.cert.empty()) return kSuccess;
+  CLIENT_LOG_AS(kStartClient, LOG_DEBUG, "cert %s key %s", option.cert.c_str(), option.key.c_str());
+  return static_cast<Result>(
+      ssl->SetCertAndKeyFile(option.cert, option.key, option.cert_file_type, option.key_file_type));
+}
+
+// Connecting may take the whole time-out, so it is done before any lock is taken.
+Result SelfMqttImpl::OpenSocket(const ConnectOption& option, const std::string& path, Domain domain) {
+  util::SocketClient::SocketClientOption settings;
+  {
+    const util::MutexLock lock(socket_mutex_);
+    settings.ssl = ssl_wrapper_;
+  }
+  settings.timeout_us = static_cast<int32_t>(std::max<int64_t>(timeout_us_, 0));
+  settings.tx_buf_size = k_max_tx_buf_;
+  settings.rx_buf_size = k_max_rx_buf_;
+  settings.host = option.host;
+  const auto opened = std::make_shared<util::SocketClient>(option.iface_name, util::Socket::Protocol::kTcp,
+                                                           domain, path, std::move(settings));
+  opened->SetTCPNoDelay(true);
+  {
+    util::MutexLock lock(socket_mutex_);
+    const std::shared_ptr<util::SocketClient> earlier = std::exchange(socket_client_, opened);
+    lock.Unlock();  // the earlier one is freed without it
+  }
+  if (opened->IsConnected()) return kSuccess;
+  CLIENT_LOG_AS(kStartClient, LOG_ERR, "Cannot connect to %s", path.c_str());
+  return kInvalidArgument;
+}
+
+Result SelfMqttImpl::ExchangeConnect(ConnectOption& option, ConnectAck& ack) {
+  // Nothing left from an earlier session may answer this CONNECT; but the mark of a thread that has already
+  // ended must not go with the rest, or the answer would be waited for in vain.
+  ack_event_q_.Clear();
+  if (recv_ended_) ack_event_q_.Enqueue(AckEvent());
+
+  const Result result = Connect(option, &ack);
+  int32_t connected = kSocketConnected;
+  if (result == kSuccess && ack.reason_code == 0 &&
+      status_.compare_exchange_strong(connected, kSessionEstablished)) {
+    return kSuccess;
+  }
+  CLIENT_LOG_AS(kStartClient, LOG_ERR, "Connect error");
+  MqttWrapper::DisconnectOption plain;
+  (void)StopClient(&plain);
+  // A stop from elsewhere may have got in first, or taken the socket before the thread existed.
+  (void)WaitForStop(timeout_us_);
+  (void)StopRecvThread();
+  return kFailure;
+}
+
+}  // namespace zeb::mqtt

@@ -1,0 +1,102 @@
+// PINGREQ out, PINGRESP in, and the judgement whether the answer came in time. Ping runs on any thread, Pong
+// and RecordPong on the receive thread.
+#include <algorithm>
+
+#include "mqtt/client_log.h"
+#include "mqtt/self_mqtt_impl.h"
+#include "util/boot_clock.h"
+
+namespace zeb::mqtt {
+namespace {
+
+constexpr int64_t kUsPerSecond = 1'000'000;
+constexpr char kPong[] = "zeb::Result zeb::mqtt::SelfMqttImpl::Pong()";
+
+}  // namespace
+
+Result SelfMqttImpl::Ping(bool wait) {
+  const util::MutexLock lock(ping_mutex_);
+  ping_wait_ = wait;
+  const Result result =
+      SendAndWait(tx_buf_.get(), tx_buf_.get(), MsgType::PINGREQ, false, 0, false, -1, nullptr);
+  if (OnReceiveThread()) {
+    ping_wait_ = false;  // nobody waits here: Pong judges the answer, as of any ping of this thread
+  } else if (wait) {
+    CLIENT_LOG(LOG_DEBUG, "Clear ping pong time value");
+    const util::MutexLock stamps(stamp_mutex_);
+    ping_sent_ = 0;
+    pong_recv_ = 0;
+    ping_gave_up_ = result != kSuccess;
+  }
+  return result;
+}
+
+Result SelfMqttImpl::Pong() {
+  const util::MutexLock lock(stamp_mutex_);
+  if (pong_was_late_) {
+    pong_was_late_ = false;
+    return kFailure;
+  }
+  if (ping_sent_ == 0) return kSuccess;
+  if (ping_sent_ < pong_recv_) return JudgeAnswer();
+  if (pong_recv_ < 1) {
+    const int32_t timeout_sec = timeout_sec_;
+    if (util::BootTimeUs() - ping_sent_ <= timeout_sec * kUsPerSecond) return kSuccess;
+    CLIENT_LOG(LOG_ERR, "Cannot get PONGRESP message for %d seconds", timeout_sec);
+    return kFailure;
+  }
+  CLIENT_LOG(LOG_ERR, "This is logic error please fix this one");
+  return kFailure;
+}
+
+// With stamp_mutex_ held and an answer on record: whether it came in time. Both stamps start afresh.
+Result SelfMqttImpl::JudgeAnswer() {
+  const int64_t diff_us = pong_recv_ - ping_sent_;
+  const int64_t limit_us = timeout_sec_ * kUsPerSecond;
+  CLIENT_LOG_AS(kPong, LOG_DEBUG, "Got PONG: ping_sent %jd pong_recv %jd diff %jd",
+                static_cast<intmax_t>(ping_sent_), static_cast<intmax_t>(pong_recv_),
+                static_cast<intmax_t>(diff_us));
+  ping_sent_ = 0;
+  pong_recv_ = 0;
+  if (diff_us <= limit_us) return kSuccess;
+  CLIENT_LOG_AS(kPong, LOG_DEBUG, "Pong response came after %jd usec, thils should be come under %jd usec",
+                static_cast<intmax_t>(diff_us), static_cast<intmax_t>(limit_us));
+  return kFailure;
+}
+
+void SelfMqttImpl::ResetStamps() {
+  const util::MutexLock lock(stamp_mutex_);
+  ping_sent_ = 0;
+  pong_recv_ = 0;
+  pings_unanswered_ = 0;
+  ping_gave_up_ = false;
+  pong_was_late_ = false;
+  last_sent_ = 0;
+}
+
+// A PINGREQ is about to be written. An answer to the one before that no Pong has judged yet is judged now:
+// the new stamp would make it look older than its own ping.
+void SelfMqttImpl::RecordPing() {
+  const util::MutexLock lock(stamp_mutex_);
+  if (ping_sent_ != 0 && ping_sent_ < pong_recv_ && JudgeAnswer() != kSuccess) pong_was_late_ = true;
+  ping_sent_ = util::BootTimeUs();
+  ping_gave_up_ = false;
+  ++pings_unanswered_;
+}
+
+// A PINGRESP came in. When two pings overlap, the first answer settles both; the second one, still owed by
+// the broker, must not stay on record as an answer to a later ping. An answer that nobody asked for does
+// stay, and so does the one that a waiting Ping gave up on.
+void SelfMqttImpl::RecordPong() {
+  const util::MutexLock lock(stamp_mutex_);
+  const bool owed = pings_unanswered_ > 0;
+  if (owed) --pings_unanswered_;
+  const int64_t now_us = util::BootTimeUs();
+  if (ping_sent_ != 0) {
+    pong_recv_ = owed ? std::max(now_us, ping_sent_ + 1) : now_us;
+  } else if (!owed || ping_gave_up_) {
+    pong_recv_ = now_us;
+  }
+}
+
+}  // namespace zeb::mqtt

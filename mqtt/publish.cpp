@@ -1,0 +1,94 @@
+// PUBLISH and the four publish acknowledgements. Publish runs on application threads; PublishResponse also on
+// the receive thread, which is why every acknowledgement is built in a buffer of its own.
+#include <new>
+
+#include "mqtt/client_log.h"
+#include "mqtt/self_mqtt_impl.h"
+
+namespace zeb::mqtt {
+namespace {
+
+constexpr uint8_t kMaxQos = 2;
+constexpr int kNoMessageId = -1;
+constexpr uint8_t kPubRelQos = 1;  // the flags that MQTT fixes for PUBREL
+
+// Room that an acknowledgement needs before its property block is moved up.
+size_t AckCapacity(const std::list<MqttWrapper::PairedString>& user_property) {
+  constexpr size_t k_id_and_reason = 3;
+  constexpr size_t k_pair_overhead = 5;
+  size_t capacity = k_id_and_reason + PacketWriter::k_max_vbi;
+  for (const auto& pair : user_property) capacity += k_pair_overhead + pair.key.size() + pair.val.size();
+  return capacity;
+}
+
+}  // namespace
+
+Result SelfMqttImpl::Publish(MqttWrapper::PublishOption& option) {
+  if (option.topic.empty()) return kFailure;
+  if (option.qos > kMaxQos) {
+    CLIENT_LOG(LOG_ERR, "qos [%u] must be between 0 ~ 2", static_cast<unsigned int>(option.qos));
+    option.qos = kMaxQos;
+  }
+  if (tx_buf_ == nullptr) return kFailure;
+  util::MutexLock body_lock(tx_mutex_);
+  PacketWriter body(tx_buf_.get(), static_cast<size_t>(k_max_tx_buf_));
+  body.AppendString(option.topic);
+  const int message_id = option.qos == 0 ? kNoMessageId : NextMessageId();
+  if (option.qos != 0) body.AppendUint16(static_cast<uint16_t>(message_id));
+  if (IsMqtt5()) body.AppendVbi(0);  // no property is ever sent
+  if (option.payload.size() > static_cast<size_t>(max_publish_)) {
+    CLIENT_LOG(LOG_DEBUG, "max_publish buffer [%d] , requested buffer [%d]", max_publish_,
+               static_cast<int>(option.payload.size()));
+    return kInvalidArgument;
+  }
+  body.AppendBytes(option.payload.data(), option.payload.size());
+  if (body.string_too_long()) {
+    CLIENT_LOG(LOG_ERR, "topic of [%zu] bytes is longer than [%zu]", option.topic.size(),
+               PacketWriter::k_max_string);
+    return kInvalidArgument;
+  }
+  if (!body.fits()) {
+    CLIENT_LOG(LOG_DEBUG, "k_max_tx_buf_ [%d] , requested buffer size [%d]", k_max_tx_buf_,
+               static_cast<int>(body.size()));
+    return kInvalidArgument;
+  }
+  CLIENT_LOG(LOG_DEBUG, "topic [%s] qos %d retain %d duplicated %d message_id [%d]", option.topic.c_str(),
+             option.qos, option.retain ? 1 : 0, option.duplicated ? 1 : 0, message_id);
+  const Result result = SendAndWait(body.end(), body.begin(), MsgType::PUBLISH, option.retain, option.qos,
+                                    option.duplicated, message_id, nullptr, &body_lock);
+  if (result != kSuccess || option.qos != 2) return result;
+  std::list<PairedString> no_property;
+  return PublishResponse(MsgType::PUBREL, static_cast<uint16_t>(message_id), 0, no_property);
+}
+
+Result SelfMqttImpl::PublishResponse(MsgType type, uint16_t message_id, uint8_t reason_code,
+                                     std::list<PairedString>& user_property) {
+  if (type < MsgType::PUBACK || type > MsgType::PUBCOMP) return kFailure;
+  const size_t capacity = AckCapacity(user_property);
+  if (capacity > static_cast<size_t>(k_max_tx_buf_)) {
+    CLIENT_LOG(LOG_ERR, "user properties of [%zu] bytes do not fit an acknowledgement", capacity);
+    return kFailure;
+  }
+  const std::unique_ptr<uint8_t[]> buffer(new (std::nothrow) uint8_t[capacity]);
+  if (buffer == nullptr) {
+    CLIENT_LOG(LOG_ERR, "Cannot alloc acknowledgement of [%zu] bytes", capacity);
+    return kFailure;
+  }
+  PacketWriter body(buffer.get(), capacity);
+  body.AppendUint16(message_id);
+  if (IsMqtt5()) {
+    body.AppendByte(reason_code);
+    const size_t block = body.BeginBlock();
+    for (PairedString& pair : user_property) AppendProperty(body, pair, PropertyId::kUserProperty);
+    CLIENT_LOG(LOG_DEBUG, "property_length [%u]", static_cast<unsigned int>(body.BlockLength(block)));
+    body.EndBlock(block);
+  }
+  if (!body.fits()) {
+    CLIENT_LOG(LOG_ERR, "a user property is longer than [%zu] bytes", PacketWriter::k_max_string);
+    return kFailure;
+  }
+  return SendAndWait(body.end(), body.begin(), type, false, type == MsgType::PUBREL ? kPubRelQos : 0, false,
+                     message_id, nullptr);
+}
+
+}  // namespace zeb::mqtt

@@ -1,0 +1,295 @@
+// The one way out: a body gets its fixed header, is written whole, watched until the peer's TCP has taken it,
+// and the caller waits for the acknowledgement. Any thread; on the receive thread nothing here ever sleeps,
+// since it alone could deliver what is waited for.
+#include <linux/sockios.h>
+#include <sys/ioctl.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <new>
+#include <optional>
+#include <utility>
+
+#include "mqtt/client_log.h"
+#include "mqtt/self_mqtt_impl.h"
+#include "util/boot_clock.h"
+
+namespace zeb::mqtt {
+namespace {
+
+constexpr int32_t kMaxRemainingLength = 16777215;
+constexpr size_t kMaxFixedHeader = 5;         // bytes
+constexpr int32_t kDrainPollsPerSecond = 50;  // of the send queue,
+constexpr int64_t kDrainPollUs = 20'000;      // this far apart
+constexpr int64_t kFirstDrainLookUs = 50;     // first look between the first two polls; then doubling
+constexpr size_t kMaxPendingDrains = 1024;    // packets that the receive thread still watches
+constexpr int64_t kUsPerSecond = 1'000'000;
+
+std::string NameOf(MsgType type) { return MqttWrapper::GetMsgTypeInStr(type); }
+
+}  // namespace
+
+Result SelfMqttImpl::SendAndWait(const uint8_t* end, const uint8_t* begin, MsgType type, bool retain,
+                                 uint8_t qos, bool dup, int message_id, void* ack,
+                                 util::MutexLock* body_lock) {
+  const std::shared_ptr<util::SocketClient> socket = SharedSocket();
+  if (const Result refused = CheckSendable(socket); refused != kSuccess) return refused;
+
+  const auto remaining_length = end - begin;
+  if (remaining_length > kMaxRemainingLength) {
+    CLIENT_LOG(LOG_DEBUG, "remain_len must be equal or less than [%d]", kMaxRemainingLength);
+    return kInvalidArgument;
+  }
+  const auto body_size = static_cast<size_t>(remaining_length);
+  uint8_t header[kMaxFixedHeader];
+  const auto header_size = static_cast<size_t>(
+      EncodeFixedHeader(header, static_cast<unsigned int>(remaining_length), type, retain, qos, dup));
+  const std::unique_ptr<uint8_t[]> packet(new (std::nothrow) uint8_t[header_size + body_size]);
+  if (packet == nullptr) {
+    CLIENT_LOG(LOG_ERR, "Cannot alloc packet of [%zu] bytes", header_size + body_size);
+    return kFailure;
+  }
+  std::memcpy(packet.get(), header, header_size);
+  if (body_size != 0) std::memcpy(packet.get() + header_size, begin, body_size);
+  if (body_lock != nullptr) body_lock->Unlock();
+
+  const MsgType awaited = AwaitedType(type, qos);
+  const bool awaits = awaited != MsgType::RESERVED;
+  std::optional<AckQueue::Waiter> waiter;
+  if (awaits) waiter.emplace(ack_event_q_, awaited, message_id);
+  int64_t start_us = 0;
+  const int packet_size = static_cast<int>(header_size + body_size);
+  Result result =
+      WritePacket(*socket, packet.get(), packet_size, static_cast<int>(body_size), type, &start_us);
+  if (result != kSuccess) return result;
+  result = OnReceiveThread() ? DrainFromLoop(*socket, start_us) : DrainSendQueue(*socket, start_us, awaits);
+  if (result != kSuccess || !awaits) return result;
+
+  AckEvent event;
+  result = AwaitAck(*waiter, awaited, message_id, event);
+  if (result == kSuccess) DeliverAck(type, event, ack);
+  return result;
+}
+
+Result SelfMqttImpl::CheckSendable(const std::shared_ptr<util::SocketClient>& socket) {
+  if (socket == nullptr) return kNotConnected;
+  if (status_ == kDisconnected) return kFailure;
+  const util::MutexLock lock(send_mutex_);
+  if (!disconnect_called_) return kSuccess;
+  CLIENT_LOG(LOG_ERR, "Disconnect already called");
+  return kFailure;
+}
+
+// What the request waits for; RESERVED: nothing.
+MsgType SelfMqttImpl::AwaitedType(MsgType type, uint8_t qos) const {
+  switch (type) {
+    case MsgType::CONNECT:
+      return MsgType::CONNACK;
+    case MsgType::PUBLISH:
+      return qos == 1 ? MsgType::PUBACK : qos == 2 ? MsgType::PUBREC : MsgType::RESERVED;
+    case MsgType::PUBREL:
+      return MsgType::PUBCOMP;
+    case MsgType::SUBSCRIBE:
+      return MsgType::SUBACK;
+    case MsgType::UNSUBSCRIBE:
+      return MsgType::UNSUBACK;
+    case MsgType::PINGREQ:
+      return ping_wait_ ? MsgType::PINGRESP : MsgType::RESERVED;
+    default:
+      return MsgType::RESERVED;
+  }
+}
+
+Result SelfMqttImpl::WritePacket(util::SocketClient& socket, const uint8_t* packet, int size,
+                                 int remaining_length, MsgType type, int64_t* start_us) {
+  // Both are on record before the write, even if that fails: an answer may come before the write returns.
+  if (type == MsgType::PINGREQ) RecordPing();
+  if (type == MsgType::DISCONNECT) {
+    const util::MutexLock lock(send_mutex_);
+    disconnect_called_ = true;
+  }
+  *start_us = util::BootTimeUs();
+  CLIENT_LOG(LOG_DEBUG, "Before send %s message size [%d] p_len [%d]", NameOf(type).c_str(), size,
+             remaining_length);
+  const ssize_t sent = socket.Send(packet, static_cast<size_t>(size));
+  if (sent != size) {
+    CLIENT_LOG(LOG_ERR, "Cannot send data requested [%d] sent [%zd]", size, sent);
+    return kSendFailed;
+  }
+  last_sent_ = util::BootTimeUs();
+  return kSuccess;
+}
+
+// Asks how much the peer's TCP has not yet taken of what went out on `socket`.
+SelfMqttImpl::QueueLook SelfMqttImpl::LookAtSendQueue(const util::SocketClient* socket) {
+  const util::MutexLock lock(socket_mutex_);
+  const int fd = socket_client_ != nullptr && socket_client_.get() == socket ? socket->GetFd() : -1;
+  if (fd < 0) {
+    ZEB_LOG(LOG_ERR, "socket closed already");
+    return QueueLook::kFailed;
+  }
+  int unsent = 0;
+  if (::ioctl(fd, SIOCOUTQ, &unsent) < 0) {
+    const int error = errno;
+    CLIENT_LOG(LOG_ERR, "fd [%d] SIOCOUTQ failed errno [%d]", fd, error);
+    return QueueLook::kFailed;
+  }
+  return unsent == 0 ? QueueLook::kEmpty : QueueLook::kUnsent;
+}
+
+void SelfMqttImpl::LogDrained(int64_t start_us) const {
+  CLIENT_LOG(LOG_DEBUG, "After Complete sending diff [%jd]",
+             static_cast<intmax_t>(util::BootTimeUs() - start_us));
+}
+
+Result SelfMqttImpl::DrainSendQueue(const util::SocketClient& socket, int64_t start_us, bool awaits) {
+  const int32_t timeout_sec = timeout_sec_;
+  const int32_t polls = timeout_sec * kDrainPollsPerSecond;
+  uint64_t news = ack_event_q_.News();
+  QueueLook look = polls < 0 ? QueueLook::kEmpty : QueueLook::kUnsent;
+  for (int32_t poll = 0; poll < polls; ++poll) {
+    look = LookAtSendQueue(&socket);
+    if (look == QueueLook::kUnsent && poll + 1 < polls) look = PauseDrain(socket, poll == 0, &news);
+    if (look != QueueLook::kUnsent) break;
+    if (recv_ended_) {
+      // Nothing will leave any more. A request that awaits an answer learns of the end from the queue.
+      if (awaits) return kSuccess;
+      ZEB_LOG(LOG_ERR, "socket closed already");
+      return kFailure;
+    }
+  }
+  if (look == QueueLook::kFailed) return kFailure;
+  if (look == QueueLook::kEmpty) {
+    LogDrained(start_us);
+  } else {
+    CLIENT_LOG(LOG_ERR, "Cannot send data during [%d] secs", timeout_sec);
+  }
+  return kSuccess;
+}
+
+// The time between two polls. An acknowledgement that comes in mostly proves that the packet has left, so it
+// ends the pause early; and soon after the write a look at short intervals pays. Returns the last look.
+SelfMqttImpl::QueueLook SelfMqttImpl::PauseDrain(const util::SocketClient& socket, bool first,
+                                                 uint64_t* news) {
+  const int64_t until_us = util::MonotonicUs() + kDrainPollUs;
+  int64_t interval_us = first ? kFirstDrainLookUs : kDrainPollUs;
+  for (int64_t now_us = until_us - kDrainPollUs; now_us < until_us; now_us = util::MonotonicUs()) {
+    ack_event_q_.AwaitNews(news, std::min(interval_us, until_us - now_us));
+    if (recv_ended_) break;
+    const QueueLook look = LookAtSendQueue(&socket);
+    if (look != QueueLook::kUnsent) return look;
+    interval_us *= 2;
+  }
+  return QueueLook::kUnsent;
+}
+
+// On the receive thread: one look now, the remaining polls from the loop.
+Result SelfMqttImpl::DrainFromLoop(const util::SocketClient& socket, int64_t start_us) {
+  const int32_t timeout_sec = timeout_sec_;
+  if (timeout_sec == 0) {
+    CLIENT_LOG(LOG_ERR, "Cannot send data during [%d] secs", timeout_sec);
+    return kSuccess;
+  }
+  const QueueLook look = timeout_sec < 0 ? QueueLook::kEmpty : LookAtSendQueue(&socket);
+  if (look == QueueLook::kFailed) return kFailure;
+  if (look == QueueLook::kEmpty) {
+    LogDrained(start_us);
+  } else if (pending_drains_.size() < kMaxPendingDrains) {
+    pending_drains_.push_back(start_us);
+  }
+  return kSuccess;
+}
+
+// The loop's share of the drain, run on every pass: an empty queue completes every packet at once.
+void SelfMqttImpl::PollPendingDrains(const util::SocketClient* socket) {
+  if (pending_drains_.empty()) return;
+  const QueueLook look = LookAtSendQueue(socket);
+  if (look != QueueLook::kUnsent) {
+    if (look == QueueLook::kEmpty) {
+      for (const int64_t start_us : pending_drains_) LogDrained(start_us);
+    }
+    pending_drains_.clear();
+    return;
+  }
+  const int32_t timeout_sec = timeout_sec_;
+  const int64_t given_up_us = util::BootTimeUs() - timeout_sec * kUsPerSecond;
+  while (!pending_drains_.empty() && pending_drains_.front() <= given_up_us) {
+    CLIENT_LOG(LOG_ERR, "Cannot send data during [%d] secs", timeout_sec);
+    pending_drains_.pop_front();
+  }
+}
+
+void SelfMqttImpl::LogNoAck(MsgType awaited, int32_t timeout_sec) {
+  ZEB_LOG(LOG_ERR, "Cannot get %s event for %d seconds", NameOf(awaited).c_str(), timeout_sec);
+}
+
+Result SelfMqttImpl::AwaitAck(AckQueue::Waiter& waiter, MsgType awaited, int message_id, AckEvent& event) {
+  const int32_t timeout_sec = timeout_sec_;
+  int64_t budget_us = timeout_sec * kUsPerSecond;
+  if (budget_us <= 0) return kFailure;
+  if (OnReceiveThread()) {
+    LogNoAck(awaited, timeout_sec);
+    return kFailure;
+  }
+  // An acknowledgement for another identifier leaves the budget alone, but a broker that sends nothing else
+  // must not hold the caller for ever.
+  const int64_t hard_end_us = util::BootTimeUs() + 2 * budget_us;
+  bool quiet = false;
+  do {
+    const int64_t pass_us = util::BootTimeUs();
+    if (!quiet) {
+      CLIENT_LOG(LOG_DEBUG, "Before dequeue during %jd usecs", static_cast<intmax_t>(budget_us));
+    }
+    const int64_t wait_us = std::clamp<int64_t>(hard_end_us - pass_us, 0, budget_us);
+    const AckQueue::Look look = ack_event_q_.Dequeue(waiter, event, wait_us);
+    if (look.verdict == AckQueue::Verdict::kNothing) {
+      if (look.queued == 0) LogNoAck(awaited, timeout_sec);
+      return kFailure;
+    }
+    if (!quiet) {
+      CLIENT_LOG(LOG_DEBUG, "Expected %s and %s comes in", NameOf(awaited).c_str(),
+                 NameOf(look.type).c_str());
+    }
+    switch (look.verdict) {
+      case AckQueue::Verdict::kMatch:
+        return kSuccess;
+      case AckQueue::Verdict::kEnd:
+        CLIENT_LOG(LOG_DEBUG, "RESERVED comes in break loop");
+        return kFailure;
+      case AckQueue::Verdict::kDropped:
+        CLIENT_LOG(LOG_DEBUG, "Expected message_id [%u] but message_id [%d] comes in continue loop",
+                   static_cast<unsigned int>(message_id), static_cast<int>(look.message_id));
+        break;
+      default:
+        if (!quiet) CLIENT_LOG(LOG_DEBUG, "Not proper event, requeue for future use");
+        budget_us -= util::BootTimeUs() - pass_us;
+        quiet = quiet || look.queued == 1;
+    }
+  } while (budget_us > 0);
+  return kFailure;
+}
+
+void SelfMqttImpl::DeliverAck(MsgType type, AckEvent& event, void* ack) const {
+  if (type == MsgType::CONNECT) {
+    CLIENT_LOG(
+        LOG_DEBUG, "CONNACK reason_code %s",
+        MqttWrapper::GetConnectReasonCodeInStr(static_cast<int>(event.connect_ack.reason_code)).c_str());
+  }
+  if (ack == nullptr) return;
+  switch (type) {
+    case MsgType::CONNECT:
+      *static_cast<ConnectAck*>(ack) = std::move(event.connect_ack);
+      break;
+    case MsgType::SUBSCRIBE:
+      *static_cast<MqttWrapper::SubscriptionAck*>(ack) = std::move(event.subscription_ack);
+      break;
+    case MsgType::UNSUBSCRIBE:
+      *static_cast<MqttWrapper::UnsubscriptionAck*>(ack) = std::move(event.unsubscription_ack);
+      break;
+    default:
+      break;
+  }
+}
+
+}  // namespace zeb::mqtt

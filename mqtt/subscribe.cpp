@@ -1,0 +1,96 @@
+// SUBSCRIBE and UNSUBSCRIBE. Application threads.
+#include "mqtt/client_log.h"
+#include "mqtt/self_mqtt_impl.h"
+
+namespace zeb::mqtt {
+namespace {
+
+constexpr int32_t kMaxSubscriptionIdentifier = 268435455;
+constexpr uint8_t kMaxQos = 2;
+constexpr uint8_t kFixedQos = 1;       // the flags that MQTT fixes for SUBSCRIBE and UNSUBSCRIBE
+constexpr size_t kFilterOverhead = 3;  // bytes: length and options
+
+}  // namespace
+
+Result SelfMqttImpl::Subscribe(MqttWrapper::SubscribeOption& option, MqttWrapper::SubscriptionAck* ack) {
+  if (tx_buf_ == nullptr) return kFailure;
+  util::MutexLock body_lock(tx_mutex_);
+  PacketWriter body(tx_buf_.get(), static_cast<size_t>(k_max_tx_buf_));
+  const int message_id = NextMessageId();
+  body.AppendUint16(static_cast<uint16_t>(message_id));
+  if (IsMqtt5()) {
+    const Result result = AppendSubscribeProperties(body, option);
+    if (result != kSuccess) return result;
+  }
+  const Result result = AppendFilters(body, option);
+  if (result != kSuccess) return result;
+  if (!BodyFits("SUBSCRIBE", body)) return kInvalidArgument;
+  return SendAndWait(body.end(), body.begin(), MsgType::SUBSCRIBE, false, kFixedQos, false, message_id, ack,
+                     &body_lock);
+}
+
+Result SelfMqttImpl::AppendSubscribeProperties(PacketWriter& body, MqttWrapper::SubscribeOption& option) {
+  CLIENT_LOG(LOG_DEBUG, "SUBSCRIBE PROPERTIES");
+  CLIENT_LOG(LOG_DEBUG, "si [%d]", option.subscription_identifier);
+  LogUserProperties(__PRETTY_FUNCTION__, option.user_property);
+  const size_t block = body.BeginBlock();
+  if (option.subscription_identifier > kMaxSubscriptionIdentifier) {
+    CLIENT_LOG(LOG_ERR, "Invalid subscription_identifier [%x]",
+               static_cast<unsigned int>(option.subscription_identifier));
+    return kFailure;
+  }
+  if (option.subscription_identifier >= 1) {
+    body.AppendVbi(static_cast<uint8_t>(PropertyId::kSubscriptionIdentifier));
+    body.AppendVbi(static_cast<uint32_t>(option.subscription_identifier));
+  }
+  AppendUserProperties(body, option.user_property);
+  body.EndBlock(block);
+  return kSuccess;
+}
+
+Result SelfMqttImpl::AppendFilters(PacketWriter& body, MqttWrapper::SubscribeOption& option) const {
+  for (auto& [filter, qos] : option.topics) {
+    if (filter.empty()) {
+      CLIENT_LOG(LOG_ERR, "No topic name for subscription");
+      return kInvalidArgument;
+    }
+    const size_t requested = body.size() + filter.size() + kFilterOverhead;
+    if (requested > static_cast<size_t>(k_max_tx_buf_)) {
+      CLIENT_LOG(LOG_DEBUG, "max tx buf [%d] , requested size [%d]", k_max_tx_buf_,
+                 static_cast<int>(requested));
+      return kInvalidArgument;
+    }
+    if (qos > kMaxQos) {
+      CLIENT_LOG(LOG_ERR, "Qos [%u] must be between 0 ~ 2 on topic [%s]", static_cast<unsigned int>(qos),
+                 filter.c_str());
+      qos = kMaxQos;
+    }
+    CLIENT_LOG(LOG_DEBUG, "topic [%s][%zd] qos [%u]", filter.c_str(), static_cast<ssize_t>(filter.size()),
+               static_cast<unsigned int>(qos));
+    body.AppendString(filter);
+    body.AppendByte(qos);  // No Local, Retain As Published and Retain Handling stay 0
+  }
+  return kSuccess;
+}
+
+Result SelfMqttImpl::Unsubscribe(MqttWrapper::UnsubscribeOption& option,
+                                 MqttWrapper::UnsubscriptionAck* ack) {
+  if (tx_buf_ == nullptr) return kFailure;
+  util::MutexLock body_lock(tx_mutex_);
+  PacketWriter body(tx_buf_.get(), static_cast<size_t>(k_max_tx_buf_));
+  const int message_id = NextMessageId();
+  body.AppendUint16(static_cast<uint16_t>(message_id));
+  if (IsMqtt5()) {
+    CLIENT_LOG(LOG_DEBUG, "UNSUBSCRIBE PROPERTIES");
+    LogUserProperties(__PRETTY_FUNCTION__, option.user_property);
+    const size_t block = body.BeginBlock();
+    AppendUserProperties(body, option.user_property);
+    body.EndBlock(block);
+  }
+  for (const std::string& filter : option.topics) body.AppendString(filter);
+  if (!BodyFits("UNSUBSCRIBE", body)) return kInvalidArgument;
+  return SendAndWait(body.end(), body.begin(), MsgType::UNSUBSCRIBE, false, kFixedQos, false, message_id, ack,
+                     &body_lock);
+}
+
+}  // namespace zeb::mqtt

@@ -25,6 +25,20 @@ bool CanBeAwaited(MsgType type) {
   }
 }
 
+// An acknowledgement that nobody asked for may bear 128 KiB of them.
+AckEvent WithoutProperties(const AckEvent& event) {
+  AckEvent bare;
+  bare.type = event.type;
+  bare.message_id = event.message_id;
+  bare.connect_ack.session_present = event.connect_ack.session_present;
+  bare.connect_ack.reason_code = event.connect_ack.reason_code;
+  bare.subscription_ack.message_id = event.subscription_ack.message_id;
+  bare.subscription_ack.reason_code = event.subscription_ack.reason_code;
+  bare.unsubscription_ack.message_id = event.unsubscription_ack.message_id;
+  bare.unsubscription_ack.reason_code = event.unsubscription_ack.reason_code;
+  return bare;
+}
+
 }  // namespace
 
 AckQueue::Waiter::Waiter(AckQueue& queue, MsgType awaited, int message_id)
@@ -40,7 +54,7 @@ AckQueue::Waiter::~Waiter() {
 
 void AckQueue::Enqueue(const AckEvent& event) {
   util::MutexLock lock(mutex_);
-  ack_event_l_.push_back({++last_number_, event});
+  ack_event_l_.push_back({++last_number_, TypeIsAwaited(event.type) ? event : WithoutProperties(event)});
   if (CanBeAwaited(event.type)) {
     last_awaitable_ = last_number_;
   } else {
@@ -49,6 +63,11 @@ void AckQueue::Enqueue(const AckEvent& event) {
   DropOldest();
   lock.Unlock();
   cond_.Broadcast();
+}
+
+bool AckQueue::TypeIsAwaited(MsgType type) const {
+  return std::any_of(waiters_.begin(), waiters_.end(),
+                     [type](const Waiter* waiter) { return waiter->awaited_ == type; });
 }
 
 // Makes room after one event was appended, at the cost of what can be missed best.

@@ -65,7 +65,8 @@ class AckQueue {
     size_t queued = 0;  // events in the queue afterwards
   };
 
-  /// Appends a copy of the event and wakes every waiter.
+  /// Appends a copy of the event and wakes every waiter. Properties that no request is waiting for are left
+  /// out.
   void Enqueue(const AckEvent& event);
 
   /// Takes the next event that this waiter has not seen, waiting for one up to `timeout_us` (0 or more; after
@@ -90,6 +91,7 @@ class AckQueue {
   };
   using Entries = std::list<Entry>;
 
+  bool TypeIsAwaited(MsgType type) const;
   void DropOldest();
   Look Judge(Waiter& waiter, Entries::iterator entry, AckEvent& out);
   bool AwaitedByAnother(const Waiter& waiter, const AckEvent& event) const;

@@ -49,7 +49,7 @@ Result SelfMqttImpl::Connect(ConnectOption& option, ConnectAck* ack) {
   SetOptions(std::make_shared<const ConnectOption>(option));
   broker_reason_code_ = 0;
   if (!mqtt5 && option.protocol != kMqtt311) {
-    CLIENT_LOG(LOG_ERR, "Unsupported mqtt protocol [%d]", option.protocol);
+    CLIENT_LOG_AS(kConnect, LOG_ERR, "Unsupported mqtt protocol [%d]", option.protocol);
     return kInvalidArgument;
   }
   if (tx_buf_ == nullptr) return kFailure;
@@ -61,12 +61,12 @@ Result SelfMqttImpl::Connect(ConnectOption& option, ConnectAck* ack) {
   body.AppendByte(mqtt5 ? kLevelMqtt5 : kLevelMqtt311);
   body.AppendByte(flags);
   body.AppendUint16(Low16(option.keep_alive));
-  CLIENT_LOG(LOG_DEBUG, "protocol [%d]", option.protocol);
+  CLIENT_LOG_AS(kConnect, LOG_DEBUG, "protocol [%d]", option.protocol);
   if (mqtt5) AppendConnectProperties(body, option);
-  CLIENT_LOG(LOG_DEBUG, "id [%s]", option.client_id.c_str());
-  CLIENT_LOG(LOG_DEBUG, "user_name: %s", option.user_name.c_str());
-  CLIENT_LOG(LOG_DEBUG, "password: %s", option.password.c_str());
-  CLIENT_LOG(LOG_DEBUG, "lwt.enable %d flags 0x%x", option.lwt.enable ? 1 : 0, flags);
+  CLIENT_LOG_AS(kConnect, LOG_DEBUG, "id [%s]", option.client_id.c_str());
+  CLIENT_LOG_AS(kConnect, LOG_DEBUG, "user_name: %s", option.user_name.c_str());
+  CLIENT_LOG_AS(kConnect, LOG_DEBUG, "password: %s", option.password.c_str());
+  CLIENT_LOG_AS(kConnect, LOG_DEBUG, "lwt.enable %d flags 0x%x", option.lwt.enable ? 1 : 0, flags);
   body.AppendString(option.client_id);
   if (option.lwt.enable) AppendWill(body, option.lwt, mqtt5);
   if (!option.user_name.empty()) body.AppendString(option.user_name);
@@ -103,7 +103,7 @@ void SelfMqttImpl::AppendConnectProperties(PacketWriter& body, ConnectOption& op
   if (option.request_problem_information >= 0) {
     AppendProperty(body, option.request_problem_information != 0, PropertyId::kRequestProblemInformation);
   }
-  AppendUserProperties(body, option.user_property);
+  AppendUserProperties(kConnect, body, option.user_property);
   CLIENT_LOG_AS(kConnect, LOG_DEBUG, "property_length [%u]",
                 static_cast<unsigned int>(body.BlockLength(block)));
   body.EndBlock(block);

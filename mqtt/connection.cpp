@@ -75,7 +75,7 @@ Result SelfMqttImpl::Establish(ConnectOption& option, ConnectAck* ack) {
   CLIENT_LOG_AS(kStartClient, LOG_DEBUG, "path %s tls %d", path.c_str(), option.tls ? 1 : 0);
   if (const Result result = PrepareTls(option); result != kSuccess) return result;
 
-  timeout_sec_ = std::min(option.timeout, k_max_timeout);
+  timeout_sec_ = std::clamp(option.timeout, -1, k_max_timeout);
   timeout_us_ = timeout_sec_ * kUsPerSecond;
   keep_alive_ = option.keep_alive;
   keep_alive_us_ = keep_alive_ * kUsPerSecond;
@@ -83,6 +83,8 @@ Result SelfMqttImpl::Establish(ConnectOption& option, ConnectAck* ack) {
   if (const Result result = OpenSocket(option, path, domain); result != kSuccess) return result;
   status_ = kSocketConnected;
 
+  // Before the receive thread exists: it must not reach an earlier session's callbacks.
+  SetOptions(std::make_shared<const ConnectOption>(option));
   if (const Result result = StartRecvThread(); result != kSuccess) {
     CLIENT_LOG_AS(kStartClient, LOG_ERR, "StartRecvThread returns %d", result);
     return result;

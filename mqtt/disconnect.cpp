@@ -7,6 +7,12 @@
 #include "util/boot_clock.h"
 
 namespace zeb::mqtt {
+namespace {
+
+constexpr char kDisconnect[] =
+    "zeb::Result zeb::mqtt::SelfMqttImpl::Disconnect(zeb::mqtt::MqttWrapper::DisconnectOption*)";
+
+}  // namespace
 
 Result SelfMqttImpl::Disconnect(MqttWrapper::DisconnectOption* option) {
   if (status_ != kSessionEstablished) {
@@ -31,28 +37,29 @@ Result SelfMqttImpl::Disconnect(MqttWrapper::DisconnectOption* option) {
 
 // Normal disconnection without properties is what an empty body means (MQTT 5.0, 3.14.2.1).
 void SelfMqttImpl::BuildDisconnect(PacketWriter& body, MqttWrapper::DisconnectOption& option) {
-  CLIENT_LOG(LOG_DEBUG, "DISCONNECT reason code is %d", option.reason_code);
+  CLIENT_LOG_AS(kDisconnect, LOG_DEBUG, "DISCONNECT reason code is %d", option.reason_code);
   const PacketWriter empty = body;
   body.AppendByte(static_cast<uint8_t>(option.reason_code & 0xFF));
   const size_t block = body.BeginBlock();
-  CLIENT_LOG(LOG_DEBUG, "DISCONNECT PROPERTIES");
+  CLIENT_LOG_AS(kDisconnect, LOG_DEBUG, "DISCONNECT PROPERTIES");
   if (option.session_expiry_interval >= 0) {
     AppendProperty(body, static_cast<uint32_t>(option.session_expiry_interval & 0xFFFFFFFF),
                    PropertyId::kSessionExpiryInterval);
-    CLIENT_LOG(LOG_DEBUG, "session_expiry_interval %d", static_cast<int>(option.session_expiry_interval));
+    CLIENT_LOG_AS(kDisconnect, LOG_DEBUG, "session_expiry_interval %d",
+                  static_cast<int>(option.session_expiry_interval));
   }
   if (!option.server_reference.empty()) {
     AppendProperty(body, option.server_reference, PropertyId::kServerReference);
-    CLIENT_LOG(LOG_DEBUG, "server_reference %s", option.server_reference.c_str());
+    CLIENT_LOG_AS(kDisconnect, LOG_DEBUG, "server_reference %s", option.server_reference.c_str());
   }
   if (!option.reason_string.empty()) {
     AppendProperty(body, option.reason_string, PropertyId::kReasonString);
-    CLIENT_LOG(LOG_DEBUG, "reason_string %s", option.reason_string.c_str());
+    CLIENT_LOG_AS(kDisconnect, LOG_DEBUG, "reason_string %s", option.reason_string.c_str());
   }
-  LogUserProperties(__PRETTY_FUNCTION__, option.user_property);
-  AppendUserProperties(body, option.user_property);
+  LogUserProperties(kDisconnect, option.user_property);
+  AppendUserProperties(kDisconnect, body, option.user_property);
   const size_t length = body.BlockLength(block);
-  CLIENT_LOG(LOG_DEBUG, "property_length %d", static_cast<int>(length));
+  CLIENT_LOG_AS(kDisconnect, LOG_DEBUG, "property_length %d", static_cast<int>(length));
   if (length == 0 && option.reason_code == 0) {
     body = empty;
   } else {

@@ -3,6 +3,7 @@
 
 #include <array>
 #include <cstddef>
+#include <utility>
 
 #include "mqtt/self_mqtt_impl.h"
 
@@ -67,10 +68,13 @@ constexpr ReasonCodeName kReasonCodeNames[] = {
 
 }  // namespace
 
-MqttWrapper::MqttWrapper() : impl_(std::make_unique<SelfMqttImpl>(this)) {}
+MqttWrapper::MqttWrapper() { impl_ = std::make_unique<SelfMqttImpl>(this); }
 
 // Callbacks on the receive thread may use the facade until that thread has ended.
-MqttWrapper::~MqttWrapper() { impl_->Shutdown(); }
+MqttWrapper::~MqttWrapper() {
+  impl_->Shutdown();
+  impl_.reset();
+}
 
 Result MqttWrapper::StartClient(ConnectOption& option, ConnectAck* ack) {
   (void)SetConnectOption(option);  // cannot fail
@@ -78,9 +82,12 @@ Result MqttWrapper::StartClient(ConnectOption& option, ConnectAck* ack) {
 }
 
 Result MqttWrapper::SetConnectOption(ConnectOption& option) {
-  const std::lock_guard<std::mutex> lock(option_mutex_);
-  option_ = option;
-  return kSuccess;
+  ConnectOption stored = option;
+  {
+    const std::lock_guard<std::mutex> lock(option_mutex_);
+    std::swap(option_, stored);
+  }
+  return kSuccess;  // the earlier callbacks are destroyed with `stored`, outside the lock
 }
 
 MqttWrapper::ConnectOption MqttWrapper::GetConnectOption() const {

@@ -31,8 +31,9 @@ class SelfMqttImpl;
 /// publishing works there, and so does StopClient (no `disconnect_cb` follows). Deleting the client inside
 /// `message_cb` is forbidden. Inside `disconnect_cb` everything is allowed: stopping, restarting, deleting.
 ///
-/// Strings on the wire are at most 65,535 bytes, a whole packet at most 131,072: a request beyond that is
-/// refused with `kInvalidArgument` before anything is sent. Errors are logged through syslog.
+/// Strings on the wire are at most 65,535 bytes, a packet behind its fixed header at most 131,072: a request
+/// beyond that is refused with `kInvalidArgument` before anything is sent (a start with `kFailure`). Errors
+/// are logged through syslog.
 class ZEB_API MqttWrapper {
  public:
   /// Control packet types (MQTT 5.0, 2.1.2); the values are those on the wire.

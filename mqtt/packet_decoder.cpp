@@ -44,7 +44,7 @@ struct SelfMqttImpl::InboundPacket {
   void ReadProperties(Properties& properties) {
     const auto declared =
         static_cast<size_t>(DecodeProperties(body.position(), body.remaining(), type, properties));
-    overrun = declared > body.remaining() ? declared - body.remaining() : 0;
+    overrun += declared > body.remaining() ? declared - body.remaining() : 0;
     body.Skip(declared);
   }
 
@@ -158,9 +158,9 @@ bool SelfMqttImpl::DecodeConnack(InboundPacket& packet, AckEvent& event) const {
 
 // Identifier, and under MQTT 5.0 a reason code and properties that nobody asks for.
 void SelfMqttImpl::DecodePubAck(InboundPacket& packet, AckEvent& event) const {
-  packet.ReadUint16(&event.message_id);
+  if (!packet.ReadUint16(&event.message_id)) return;
   uint8_t reason_code = 0;
-  if (!IsMqtt5() || !packet.body.ReadByte(&reason_code)) return;
+  if (!IsMqtt5() || !packet.body.ReadByte(&reason_code)) return;  // it may be left out
   ZEB_LOG_AS(kDecodePacket, LOG_DEBUG, "msg_type [%d] reason_code [%x]\n", static_cast<int>(packet.type),
              reason_code);
   Properties unused;
@@ -171,12 +171,12 @@ bool SelfMqttImpl::DecodePubRel(InboundPacket& packet, AckEvent& event) {
   DecodePubAck(packet, event);
   const auto record =
       std::find_if(recv_publish_msg_l.begin(), recv_publish_msg_l.end(),
-                   [&](const RecvPublishMsg& kept) { return kept.message.message_id == event.message_id; });
+                   [&](const RecvPublishMsg& kept) { return kept.message_id == event.message_id; });
   const bool known = record != recv_publish_msg_l.end();
   if (known) {
     auto user_property = AckUserProperties(pubcomp_user_property_);
-    (void)PublishResponse(MsgType::PUBCOMP, event.message_id, 0,
-                          user_property);  // the broker sends PUBREL again
+    // Lost, it makes the broker send PUBREL again.
+    (void)PublishResponse(MsgType::PUBCOMP, event.message_id, 0, user_property);
     recv_publish_msg_l.erase(record);
   } else {
     for (const int priority : {LOG_WARNING, LOG_ERR}) {
@@ -272,7 +272,9 @@ void SelfMqttImpl::AnswerPublish(const InboundPacket& packet, const PublishMessa
   }
   auto user_property = AckUserProperties(pubrec_user_property_);
   (void)PublishResponse(MsgType::PUBREC, message.message_id, 0, user_property);
-  if (packet.qos == 2) recv_publish_msg_l.push_back({message, util::BootTimeUs()});
+  if (packet.qos != 2) return;
+  recv_publish_msg_l.push_back({message.message_id, util::BootTimeUs()});
+  if (recv_publish_msg_l.size() > k_max_recv_publish) recv_publish_msg_l.pop_front();
 }
 
 void SelfMqttImpl::DeliverMessage(PublishMessage& message) {

@@ -14,6 +14,12 @@ namespace {
 constexpr char kDecodeProperties[] =
     "int zeb::mqtt::SelfMqttImpl::DecodeProperties(uint8_t*, size_t, zeb::mqtt::MsgType, "
     "zeb::mqtt::MqttWrapper::Properties&)";
+constexpr char kEncodePair[] =
+    "int zeb::mqtt::SelfMqttImpl::EncodeProperty(uint8_t*, zeb::mqtt::MqttWrapper::PairedString&, uint8_t)";
+constexpr char kEncodeUint32[] = "int zeb::mqtt::SelfMqttImpl::EncodeProperty(uint8_t*, uint32_t, uint8_t)";
+constexpr char kEncodeUint16[] = "int zeb::mqtt::SelfMqttImpl::EncodeProperty(uint8_t*, uint16_t, uint8_t)";
+constexpr char kEncodeBool[] = "int zeb::mqtt::SelfMqttImpl::EncodeProperty(uint8_t*, bool, uint8_t)";
+constexpr char kEncodeText[] = "int zeb::mqtt::SelfMqttImpl::EncodeProperty(uint8_t*, std::string&, uint8_t)";
 constexpr int kMaxProperties = 20;   // in one block; no packet of a broker needs more
 constexpr size_t kIdentifier = 1;    // bytes
 constexpr size_t kStringLength = 2;  // bytes
@@ -118,8 +124,8 @@ int SelfMqttImpl::EncodeProperty(uint8_t* buf, PairedString& pair, uint8_t ident
   writer.AppendString(pair.key);
   writer.AppendString(pair.val);
   const int length = static_cast<int>(writer.size());
-  ZEB_LOG(LOG_DEBUG, "nbuf [%p] buf [%p] length [%d]\n", static_cast<void*>(EndOf(buf, writer)),
-          static_cast<void*>(buf), length);
+  ZEB_LOG_AS(kEncodePair, LOG_DEBUG, "nbuf [%p] buf [%p] length [%d]\n",
+             static_cast<void*>(EndOf(buf, writer)), static_cast<void*>(buf), length);
   return length;
 }
 
@@ -128,7 +134,7 @@ int SelfMqttImpl::EncodeProperty(uint8_t* buf, uint32_t value, uint8_t identifie
   PacketWriter writer(buf, kIdentifier + sizeof value);
   writer.AppendVbi(identifier);
   writer.AppendUint32(value);
-  return LogInteger(__PRETTY_FUNCTION__, identifier, value, buf, writer);
+  return LogInteger(kEncodeUint32, identifier, value, buf, writer);
 }
 
 int SelfMqttImpl::EncodeProperty(uint8_t* buf, uint16_t value, uint8_t identifier) {
@@ -136,7 +142,7 @@ int SelfMqttImpl::EncodeProperty(uint8_t* buf, uint16_t value, uint8_t identifie
   PacketWriter writer(buf, kIdentifier + sizeof value);
   writer.AppendVbi(identifier);
   writer.AppendUint16(value);
-  return LogInteger(__PRETTY_FUNCTION__, identifier, value, buf, writer);
+  return LogInteger(kEncodeUint16, identifier, value, buf, writer);
 }
 
 int SelfMqttImpl::EncodeProperty(uint8_t* buf, bool value, uint8_t identifier) {
@@ -145,8 +151,8 @@ int SelfMqttImpl::EncodeProperty(uint8_t* buf, bool value, uint8_t identifier) {
   writer.AppendVbi(identifier);
   writer.AppendByte(value ? 1 : 0);
   const int length = static_cast<int>(writer.size());
-  ZEB_LOG(LOG_DEBUG, "identifier [%x] val [%d] buf [%p] nbuf [%p] length [%d]\n", identifier, value ? 1 : 0,
-          static_cast<void*>(buf), static_cast<void*>(EndOf(buf, writer)), length);
+  ZEB_LOG_AS(kEncodeBool, LOG_DEBUG, "identifier [%x] val [%d] buf [%p] nbuf [%p] length [%d]\n", identifier,
+             value ? 1 : 0, static_cast<void*>(buf), static_cast<void*>(EndOf(buf, writer)), length);
   return length;
 }
 
@@ -156,8 +162,8 @@ int SelfMqttImpl::EncodeProperty(uint8_t* buf, std::string& value, uint8_t ident
   writer.AppendVbi(identifier);
   writer.AppendString(value);
   const int length = static_cast<int>(writer.size());
-  ZEB_LOG(LOG_DEBUG, "identifier [%x] val [%s] buf [%p] nbuf [%p] length [%d]\n", identifier, value.c_str(),
-          static_cast<void*>(buf), static_cast<void*>(EndOf(buf, writer)), length);
+  ZEB_LOG_AS(kEncodeText, LOG_DEBUG, "identifier [%x] val [%s] buf [%p] nbuf [%p] length [%d]\n", identifier,
+             value.c_str(), static_cast<void*>(buf), static_cast<void*>(EndOf(buf, writer)), length);
   return length;
 }
 

@@ -13,11 +13,16 @@ constexpr int kNoMessageId = -1;
 constexpr uint8_t kPubRelQos = 1;  // the flags that MQTT fixes for PUBREL
 
 // Room that an acknowledgement needs before its property block is moved up.
-size_t AckCapacity(const std::list<MqttWrapper::PairedString>& user_property) {
-  constexpr size_t k_id_and_reason = 3;
+size_t AckCapacity(const std::list<MqttWrapper::PairedString>& user_property, bool mqtt5) {
+  constexpr size_t k_message_id = 2;
+  constexpr size_t k_reason_code = 1;
   constexpr size_t k_pair_overhead = 5;
-  size_t capacity = k_id_and_reason + PacketWriter::k_max_vbi;
-  for (const auto& pair : user_property) capacity += k_pair_overhead + pair.key.size() + pair.val.size();
+  if (!mqtt5) return k_message_id;
+  size_t capacity = k_message_id + k_reason_code + PacketWriter::k_max_vbi;
+  for (const auto& pair : user_property) {
+    if (pair.key.empty() || pair.val.empty()) continue;
+    capacity += k_pair_overhead + pair.key.size() + pair.val.size();
+  }
   return capacity;
 }
 
@@ -64,7 +69,8 @@ Result SelfMqttImpl::Publish(MqttWrapper::PublishOption& option) {
 Result SelfMqttImpl::PublishResponse(MsgType type, uint16_t message_id, uint8_t reason_code,
                                      std::list<PairedString>& user_property) {
   if (type < MsgType::PUBACK || type > MsgType::PUBCOMP) return kFailure;
-  const size_t capacity = AckCapacity(user_property);
+  const bool mqtt5 = IsMqtt5();
+  const size_t capacity = AckCapacity(user_property, mqtt5);
   if (capacity > static_cast<size_t>(k_max_tx_buf_)) {
     CLIENT_LOG(LOG_ERR, "user properties of [%zu] bytes do not fit an acknowledgement", capacity);
     return kFailure;
@@ -76,7 +82,7 @@ Result SelfMqttImpl::PublishResponse(MsgType type, uint16_t message_id, uint8_t 
   }
   PacketWriter body(buffer.get(), capacity);
   body.AppendUint16(message_id);
-  if (IsMqtt5()) {
+  if (mqtt5) {
     body.AppendByte(reason_code);
     const size_t block = body.BeginBlock();
     for (PairedString& pair : user_property) AppendProperty(body, pair, PropertyId::kUserProperty);

@@ -102,7 +102,12 @@ void SelfMqttImpl::AwaitThreadEnd() {
 void SelfMqttImpl::RecvThread() {
   receiving_for = this;
   RecvLoop loop;
-  if (SetUpRecvLoop(loop)) RunRecvLoop(loop);
+  try {
+    if (SetUpRecvLoop(loop)) RunRecvLoop(loop);
+  } catch (const std::exception& error) {  // no memory: the session ends, the process goes on
+    CLIENT_LOG_AS(kRecvThread, LOG_ERR, "receive thread ends by [%s]", error.what());
+    EndSession(kNetworkFailure);
+  }
   EndRecvThread(loop);
 }
 

@@ -18,6 +18,10 @@
 namespace zeb::mqtt {
 namespace {
 
+// Every line bears the entry operation's name, whichever helper writes it.
+constexpr char kSendAndWait[] =
+    "zeb::Result zeb::mqtt::SelfMqttImpl::SendAndWait(uint8_t*, uint8_t*, zeb::mqtt::MsgType, bool, uint8_t, "
+    "bool, int, void*)";
 constexpr int32_t kMaxRemainingLength = 16777215;
 constexpr size_t kMaxFixedHeader = 5;         // bytes
 constexpr int32_t kDrainPollsPerSecond = 50;  // of the send queue,
@@ -38,7 +42,7 @@ Result SelfMqttImpl::SendAndWait(const uint8_t* end, const uint8_t* begin, MsgTy
 
   const auto remaining_length = end - begin;
   if (remaining_length > kMaxRemainingLength) {
-    CLIENT_LOG(LOG_DEBUG, "remain_len must be equal or less than [%d]", kMaxRemainingLength);
+    CLIENT_LOG_AS(kSendAndWait, LOG_DEBUG, "remain_len must be equal or less than [%d]", kMaxRemainingLength);
     return kInvalidArgument;
   }
   const auto body_size = static_cast<size_t>(remaining_length);
@@ -47,7 +51,7 @@ Result SelfMqttImpl::SendAndWait(const uint8_t* end, const uint8_t* begin, MsgTy
       EncodeFixedHeader(header, static_cast<unsigned int>(remaining_length), type, retain, qos, dup));
   const std::unique_ptr<uint8_t[]> packet(new (std::nothrow) uint8_t[header_size + body_size]);
   if (packet == nullptr) {
-    CLIENT_LOG(LOG_ERR, "Cannot alloc packet of [%zu] bytes", header_size + body_size);
+    CLIENT_LOG_AS(kSendAndWait, LOG_ERR, "Cannot alloc packet of [%zu] bytes", header_size + body_size);
     return kFailure;
   }
   std::memcpy(packet.get(), header, header_size);
@@ -77,7 +81,7 @@ Result SelfMqttImpl::CheckSendable(const std::shared_ptr<util::SocketClient>& so
   if (status_ == kDisconnected) return kFailure;
   const util::MutexLock lock(send_mutex_);
   if (!disconnect_called_) return kSuccess;
-  CLIENT_LOG(LOG_ERR, "Disconnect already called");
+  CLIENT_LOG_AS(kSendAndWait, LOG_ERR, "Disconnect already called");
   return kFailure;
 }
 
@@ -110,11 +114,11 @@ Result SelfMqttImpl::WritePacket(util::SocketClient& socket, const uint8_t* pack
     disconnect_called_ = true;
   }
   *start_us = util::BootTimeUs();
-  CLIENT_LOG(LOG_DEBUG, "Before send %s message size [%d] p_len [%d]", NameOf(type).c_str(), size,
-             remaining_length);
+  CLIENT_LOG_AS(kSendAndWait, LOG_DEBUG, "Before send %s message size [%d] p_len [%d]", NameOf(type).c_str(),
+                size, remaining_length);
   const ssize_t sent = socket.Send(packet, static_cast<size_t>(size));
   if (sent != size) {
-    CLIENT_LOG(LOG_ERR, "Cannot send data requested [%d] sent [%zd]", size, sent);
+    CLIENT_LOG_AS(kSendAndWait, LOG_ERR, "Cannot send data requested [%d] sent [%zd]", size, sent);
     return kSendFailed;
   }
   last_sent_ = util::BootTimeUs();
@@ -126,21 +130,21 @@ SelfMqttImpl::QueueLook SelfMqttImpl::LookAtSendQueue(const util::SocketClient* 
   const util::MutexLock lock(socket_mutex_);
   const int fd = socket_client_ != nullptr && socket_client_.get() == socket ? socket->GetFd() : -1;
   if (fd < 0) {
-    ZEB_LOG(LOG_ERR, "socket closed already");
+    ZEB_LOG_AS(kSendAndWait, LOG_ERR, "socket closed already");
     return QueueLook::kFailed;
   }
   int unsent = 0;
   if (::ioctl(fd, SIOCOUTQ, &unsent) < 0) {
     const int error = errno;
-    CLIENT_LOG(LOG_ERR, "fd [%d] SIOCOUTQ failed errno [%d]", fd, error);
+    CLIENT_LOG_AS(kSendAndWait, LOG_ERR, "fd [%d] SIOCOUTQ failed errno [%d]", fd, error);
     return QueueLook::kFailed;
   }
   return unsent == 0 ? QueueLook::kEmpty : QueueLook::kUnsent;
 }
 
 void SelfMqttImpl::LogDrained(int64_t start_us) const {
-  CLIENT_LOG(LOG_DEBUG, "After Complete sending diff [%jd]",
-             static_cast<intmax_t>(util::BootTimeUs() - start_us));
+  CLIENT_LOG_AS(kSendAndWait, LOG_DEBUG, "After Complete sending diff [%jd]",
+                static_cast<intmax_t>(util::BootTimeUs() - start_us));
 }
 
 Result SelfMqttImpl::DrainSendQueue(const util::SocketClient& socket, int64_t start_us, bool awaits) {
@@ -155,7 +159,7 @@ Result SelfMqttImpl::DrainSendQueue(const util::SocketClient& socket, int64_t st
     if (recv_ended_) {
       // Nothing will leave any more. A request that awaits an answer learns of the end from the queue.
       if (awaits) return kSuccess;
-      ZEB_LOG(LOG_ERR, "socket closed already");
+      ZEB_LOG_AS(kSendAndWait, LOG_ERR, "socket closed already");
       return kFailure;
     }
   }
@@ -163,7 +167,7 @@ Result SelfMqttImpl::DrainSendQueue(const util::SocketClient& socket, int64_t st
   if (look == QueueLook::kEmpty) {
     LogDrained(start_us);
   } else {
-    CLIENT_LOG(LOG_ERR, "Cannot send data during [%d] secs", timeout_sec);
+    CLIENT_LOG_AS(kSendAndWait, LOG_ERR, "Cannot send data during [%d] secs", timeout_sec);
   }
   return kSuccess;
 }
@@ -188,7 +192,7 @@ SelfMqttImpl::QueueLook SelfMqttImpl::PauseDrain(const util::SocketClient& socke
 Result SelfMqttImpl::DrainFromLoop(const util::SocketClient& socket, int64_t start_us) {
   const int32_t timeout_sec = timeout_sec_;
   if (timeout_sec == 0) {
-    CLIENT_LOG(LOG_ERR, "Cannot send data during [%d] secs", timeout_sec);
+    CLIENT_LOG_AS(kSendAndWait, LOG_ERR, "Cannot send data during [%d] secs", timeout_sec);
     return kSuccess;
   }
   const QueueLook look = timeout_sec < 0 ? QueueLook::kEmpty : LookAtSendQueue(&socket);
@@ -215,13 +219,14 @@ void SelfMqttImpl::PollPendingDrains(const util::SocketClient* socket) {
   const int32_t timeout_sec = timeout_sec_;
   const int64_t given_up_us = util::BootTimeUs() - timeout_sec * kUsPerSecond;
   while (!pending_drains_.empty() && pending_drains_.front() <= given_up_us) {
-    CLIENT_LOG(LOG_ERR, "Cannot send data during [%d] secs", timeout_sec);
+    CLIENT_LOG_AS(kSendAndWait, LOG_ERR, "Cannot send data during [%d] secs", timeout_sec);
     pending_drains_.pop_front();
   }
 }
 
 void SelfMqttImpl::LogNoAck(MsgType awaited, int32_t timeout_sec) {
-  ZEB_LOG(LOG_ERR, "Cannot get %s event for %d seconds", NameOf(awaited).c_str(), timeout_sec);
+  ZEB_LOG_AS(kSendAndWait, LOG_ERR, "Cannot get %s event for %d seconds", NameOf(awaited).c_str(),
+             timeout_sec);
 }
 
 Result SelfMqttImpl::AwaitAck(AckQueue::Waiter& waiter, MsgType awaited, int message_id, AckEvent& event) {
@@ -239,7 +244,8 @@ Result SelfMqttImpl::AwaitAck(AckQueue::Waiter& waiter, MsgType awaited, int mes
   do {
     const int64_t pass_us = util::BootTimeUs();
     if (!quiet) {
-      CLIENT_LOG(LOG_DEBUG, "Before dequeue during %jd usecs", static_cast<intmax_t>(budget_us));
+      CLIENT_LOG_AS(kSendAndWait, LOG_DEBUG, "Before dequeue during %jd usecs",
+                    static_cast<intmax_t>(budget_us));
     }
     const int64_t wait_us = std::clamp<int64_t>(hard_end_us - pass_us, 0, budget_us);
     const AckQueue::Look look = ack_event_q_.Dequeue(waiter, event, wait_us);
@@ -248,21 +254,22 @@ Result SelfMqttImpl::AwaitAck(AckQueue::Waiter& waiter, MsgType awaited, int mes
       return kFailure;
     }
     if (!quiet) {
-      CLIENT_LOG(LOG_DEBUG, "Expected %s and %s comes in", NameOf(awaited).c_str(),
-                 NameOf(look.type).c_str());
+      CLIENT_LOG_AS(kSendAndWait, LOG_DEBUG, "Expected %s and %s comes in", NameOf(awaited).c_str(),
+                    NameOf(look.type).c_str());
     }
     switch (look.verdict) {
       case AckQueue::Verdict::kMatch:
         return kSuccess;
       case AckQueue::Verdict::kEnd:
-        CLIENT_LOG(LOG_DEBUG, "RESERVED comes in break loop");
+        CLIENT_LOG_AS(kSendAndWait, LOG_DEBUG, "RESERVED comes in break loop");
         return kFailure;
       case AckQueue::Verdict::kDropped:
-        CLIENT_LOG(LOG_DEBUG, "Expected message_id [%u] but message_id [%d] comes in continue loop",
-                   static_cast<unsigned int>(message_id), static_cast<int>(look.message_id));
+        CLIENT_LOG_AS(kSendAndWait, LOG_DEBUG,
+                      "Expected message_id [%u] but message_id [%d] comes in continue loop",
+                      static_cast<unsigned int>(message_id), static_cast<int>(look.message_id));
         break;
       default:
-        if (!quiet) CLIENT_LOG(LOG_DEBUG, "Not proper event, requeue for future use");
+        if (!quiet) CLIENT_LOG_AS(kSendAndWait, LOG_DEBUG, "Not proper event, requeue for future use");
         budget_us -= util::BootTimeUs() - pass_us;
         quiet = quiet || look.queued == 1;
     }
@@ -272,8 +279,8 @@ Result SelfMqttImpl::AwaitAck(AckQueue::Waiter& waiter, MsgType awaited, int mes
 
 void SelfMqttImpl::DeliverAck(MsgType type, AckEvent& event, void* ack) const {
   if (type == MsgType::CONNECT) {
-    CLIENT_LOG(
-        LOG_DEBUG, "CONNACK reason_code %s",
+    CLIENT_LOG_AS(
+        kSendAndWait, LOG_DEBUG, "CONNACK reason_code %s",
         MqttWrapper::GetConnectReasonCodeInStr(static_cast<int>(event.connect_ack.reason_code)).c_str());
   }
   if (ack == nullptr) return;

@@ -108,10 +108,12 @@ void SelfMqttImpl::LogUserProperties(const char* function,
   }
 }
 
-void SelfMqttImpl::AppendUserProperties(PacketWriter& body, std::list<PairedString>& user_property) {
+void SelfMqttImpl::AppendUserProperties(const char* function, PacketWriter& body,
+                                        std::list<PairedString>& user_property) {
   for (PairedString& pair : user_property) {
     if (pair.key.empty() || pair.val.empty()) {
-      CLIENT_LOG(LOG_WARNING, "User property key [%s] or val [%s] empty", pair.key.c_str(), pair.val.c_str());
+      CLIENT_LOG_AS(function, LOG_WARNING, "User property key [%s] or val [%s] empty", pair.key.c_str(),
+                    pair.val.c_str());
       continue;
     }
     AppendProperty(body, pair, PropertyId::kUserProperty);

@@ -122,11 +122,14 @@ class SelfMqttImpl {
 
   struct RecvLoop;       // receive_thread.cpp: what lives as long as one receive thread
   struct InboundPacket;  // packet_decoder.cpp: one packet being decoded
-  /// An inbound QoS 2 message whose PUBREL is still due.
+  /// An inbound QoS 2 message whose PUBREL is still due. Without its text, which has been delivered: a broker
+  /// that never sends PUBREL must not fill the memory.
   struct RecvPublishMsg {
-    PublishMessage message;  // identifier and topic
-    int64_t recv_time = 0;   // microseconds of CLOCK_BOOTTIME
+    uint16_t message_id = 0;
+    int64_t recv_time = 0;  // microseconds of CLOCK_BOOTTIME
   };
+  static constexpr size_t k_max_recv_publish =
+      65535;  // there are no more identifiers: the oldest is a stale one
   struct FreeDeleter {
     void operator()(uint8_t* bytes) const { std::free(bytes); }
   };
@@ -147,7 +150,7 @@ class SelfMqttImpl {
   std::shared_ptr<util::SocketClient> SharedSocket() const;
   int NextMessageId();
   /// Writes the pairs that are whole; logs a warning for each that is not.
-  void AppendUserProperties(PacketWriter& body, std::list<PairedString>& user_property);
+  void AppendUserProperties(const char* function, PacketWriter& body, std::list<PairedString>& user_property);
   void LogUserProperties(const char* function, const std::list<PairedString>& user_property) const;
   /// Whether the body may be sent; logs why not.
   bool BodyFits(const char* request, const PacketWriter& body) const;

@@ -1,0 +1,214 @@
+// TLS on OpenSSL: handshake, reads and writes that never wait for the network with the lock held.
+#include "platform/linux/tls_session.h"
+
+#include <openssl/bio.h>
+#include <openssl/x509v3.h>
+#include <sys/socket.h>
+
+#include <cerrno>
+
+#include "platform/linux/ssl_context.h"
+#include "util/log.h"
+#include "util/network_manager.h"
+#include "util/socket.h"
+
+namespace zeb::util {
+namespace {
+
+// The bound of one wait; see the writer's in the socket. Nobody reads during a handshake.
+bool WaitBefore(const Deadline& deadline, int fd, short wanted) {
+  const int64_t remaining_us = deadline.RemainingUs();
+  if (remaining_us == 0) return false;
+  WaitForDescriptor(fd, wanted, remaining_us);
+  return true;
+}
+
+// 0 when `ssl_error` is not one that a wait mends.
+short WantedEvent(int ssl_error) {
+  if (ssl_error == SSL_ERROR_WANT_READ) return POLLIN;
+  if (ssl_error == SSL_ERROR_WANT_WRITE) return POLLOUT;
+  return 0;
+}
+
+bool MustRetry(int error) { return error == EAGAIN || error == EWOULDBLOCK || error == EINTR; }
+
+// The system's trusted certificates, in a store of the session's own: the context is shared between threads.
+bool TrustSystemRoots(SSL* ssl) {
+  X509_STORE* const store = ::X509_STORE_new();
+  if (store == nullptr) return false;
+  const bool loaded = ::X509_STORE_set_default_paths(store) == 1;
+  ::SSL_set0_verify_cert_store(ssl, store);
+  return loaded;
+}
+
+}  // namespace
+
+std::unique_ptr<TlsSession> TlsSession::Create(int fd, const SslWrapper& ssl, const std::string& host) {
+  const SslWrapper::Context& context = ssl.context();
+  if (!context.usable) {
+    ZEB_LOG(LOG_ERR, "no TLS connection to %s: an earlier setting was refused", host.c_str());
+    return nullptr;
+  }
+  ::ERR_clear_error();
+  std::unique_ptr<TlsSession> session(new TlsSession(fd));
+  session->ssl_ = ::SSL_new(context.ctx.get());
+  if (session->ssl_ == nullptr || !session->AttachBio() || !session->ExpectHost(host) ||
+      (!context.own_roots && !TrustSystemRoots(session->ssl_))) {
+    ZEB_LOG(LOG_ERR, "no TLS session for %s: %s", host.c_str(), OpensslReason(::ERR_peek_error()).c_str());
+    return nullptr;
+  }
+  ::SSL_set_connect_state(session->ssl_);
+  return session;
+}
+
+TlsSession::~TlsSession() { ::SSL_free(ssl_); }
+
+// OpenSSL's own socket BIO writes in a way that raises SIGPIPE; the signal belongs to the application.
+bool TlsSession::AttachBio() {
+  static BIO_METHOD* const method = [] {  // never freed: sessions may outlive the end of main
+    BIO_METHOD* const made = ::BIO_meth_new(::BIO_get_new_index() | BIO_TYPE_SOURCE_SINK, "zeb socket");
+    if (made == nullptr) return made;
+    ::BIO_meth_set_write(made, BioWrite);
+    ::BIO_meth_set_read(made, BioRead);
+    ::BIO_meth_set_ctrl(made, BioControl);
+    return made;
+  }();
+  BIO* const bio = method != nullptr ? ::BIO_new(method) : nullptr;
+  if (bio == nullptr) return false;
+  ::BIO_set_data(bio, this);
+  ::BIO_set_init(bio, 1);
+  ::SSL_set_bio(ssl_, bio, bio);
+  return true;
+}
+
+int TlsSession::BioWrite(BIO* bio, const char* data, int length) {
+  auto* const session = static_cast<TlsSession*>(::BIO_get_data(bio));
+  BIO_clear_retry_flags(bio);
+  const ssize_t sent = ::send(session->fd_, data, static_cast<size_t>(length), MSG_NOSIGNAL);
+  if (sent >= 0) return static_cast<int>(sent);
+  session->io_error_ = errno;
+  if (MustRetry(session->io_error_)) BIO_set_retry_write(bio);
+  return -1;
+}
+
+int TlsSession::BioRead(BIO* bio, char* data, int length) {
+  auto* const session = static_cast<TlsSession*>(::BIO_get_data(bio));
+  BIO_clear_retry_flags(bio);
+  const ssize_t received = ::recv(session->fd_, data, static_cast<size_t>(length), 0);
+  if (received > 0) return static_cast<int>(received);
+  if (received == 0) {
+    session->peer_closed_ = true;
+    return 0;
+  }
+  session->io_error_ = errno;
+  if (MustRetry(session->io_error_)) BIO_set_retry_read(bio);
+  return -1;
+}
+
+long TlsSession::BioControl(BIO* bio, int command, long, void*) {
+  if (command == BIO_CTRL_FLUSH) return 1;
+  if (command == BIO_CTRL_EOF) return static_cast<TlsSession*>(::BIO_get_data(bio))->peer_closed_ ? 1 : 0;
+  return 0;
+}
+
+bool TlsSession::ExpectHost(const std::string& host) {
+  X509_VERIFY_PARAM* const expected = ::SSL_get0_param(ssl_);
+  if (NetworkManager::IsValidAddress(host, false) || NetworkManager::IsValidAddress(host, true)) {
+    const std::string address = host.substr(0, host.find('%'));  // certificates know no zones
+    return ::X509_VERIFY_PARAM_set1_ip_asc(expected, address.c_str()) == 1;
+  }
+  std::string name = host;
+  if (!name.empty() && name.back() == '.') name.pop_back();  // the root's dot is no part of a certified name
+  // An empty name would match every certificate, and one that begins with a dot every name below it.
+  if (name.empty() || name.front() == '.') return false;
+  ::SSL_set_hostflags(ssl_, X509_CHECK_FLAG_NO_PARTIAL_WILDCARDS);
+  return ::X509_VERIFY_PARAM_set1_host(expected, name.data(), name.size()) == 1 &&
+         SSL_set_tlsext_host_name(ssl_, name.c_str()) == 1;
+}
+
+bool TlsSession::Handshake(const Deadline& deadline) {
+  short wanted = 0;
+  while (!HandshakeStep(&wanted)) {
+    if (wanted == 0) return false;
+    if (WaitBefore(deadline, fd_, wanted)) continue;
+    failed_ = true;
+    ZEB_LOG(LOG_ERR, "TLS handshake failed: timed out");
+    return false;
+  }
+  return true;
+}
+
+// True when the handshake is done. Else `*wanted` is what to wait for, or 0 after a failure.
+bool TlsSession::HandshakeStep(short* wanted) {
+  MutexLock lock(mutex_);
+  ::ERR_clear_error();
+  const int result = ::SSL_do_handshake(ssl_);
+  established_ = result == 1;
+  if (established_) return true;
+  const int ssl_error = ::SSL_get_error(ssl_, result);
+  *wanted = WantedEvent(ssl_error);
+  if (*wanted != 0) return false;
+  failed_ = true;
+  ZEB_LOG(LOG_ERR, "TLS handshake failed: %s", FailureReason().c_str());
+  return false;
+}
+
+std::string TlsSession::FailureReason() {
+  const long verified = ::SSL_get_verify_result(ssl_);
+  if (!established_ && verified != X509_V_OK) return ::X509_verify_cert_error_string(verified);
+  if (peer_closed_) return "connection closed by the peer";
+  const unsigned long code = ::ERR_peek_error();
+  return code != 0 ? OpensslReason(code) : std::generic_category().message(io_error_);
+}
+
+ssize_t TlsSession::Write(const void* data, size_t length, short* wanted) {
+  MutexLock lock(mutex_);
+  if (failed_) return -1;
+  unit_open_ = true;
+  ::ERR_clear_error();
+  size_t written = 0;
+  const int result = ::SSL_write_ex(ssl_, data, length, &written);
+  if (result == 1) {
+    unit_open_ = written < length;
+    return static_cast<ssize_t>(written);
+  }
+  const int ssl_error = ::SSL_get_error(ssl_, result);
+  *wanted = WantedEvent(ssl_error);
+  if (*wanted != 0) return 0;
+  failed_ = true;
+  ZEB_LOG(LOG_WARNING, "TLS write failed: %s", FailureReason().c_str());
+  return -1;
+}
+
+ssize_t TlsSession::Read(void* data, size_t length) {
+  MutexLock lock(mutex_);
+  if (peer_closed_) return 0;
+  if (failed_) return -1;
+  ::ERR_clear_error();
+  size_t received = 0;
+  const int result = ::SSL_read_ex(ssl_, data, length, &received);
+  if (result == 1) return static_cast<ssize_t>(received);
+  const int ssl_error = ::SSL_get_error(ssl_, result);
+  if (WantedEvent(ssl_error) != 0) return SocketClient::k_nothing_now;
+  if (ssl_error == SSL_ERROR_ZERO_RETURN) return 0;
+  failed_ = true;
+  if (peer_closed_) return 0;  // without a farewell, but in order
+  ZEB_LOG(LOG_WARNING, "TLS read failed: %s", FailureReason().c_str());
+  return -1;
+}
+
+bool TlsSession::HasPending() {
+  MutexLock lock(mutex_);
+  return !failed_ && ::SSL_pending(ssl_) > 0;
+}
+
+void TlsSession::CloseNotify() {
+  MutexLock lock(mutex_);
+  if (!established_ || failed_ || unit_open_) return;
+  if ((::SSL_get_shutdown(ssl_) & SSL_SENT_SHUTDOWN) != 0)
+    return;  // a second call would read, and drop, data
+  ::ERR_clear_error();
+  (void)::SSL_shutdown(ssl_);  // whether the peer hears of it or not, the connection ends now
+}
+
+}  // namespace zeb::util

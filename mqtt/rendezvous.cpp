@@ -157,6 +157,9 @@ Result SelfMqttImpl::DrainSendQueue(const util::SocketClient& socket, int64_t st
     if (look == QueueLook::kUnsent && poll + 1 < polls) look = PauseDrain(socket, poll == 0, &news);
     if (look != QueueLook::kUnsent) break;
     if (recv_ended_) {
+      // A broker that closes at once, as after DISCONNECT, has taken everything by then.
+      look = LookAtSendQueue(&socket);
+      if (look != QueueLook::kUnsent) break;
       // Nothing will leave any more. A request that awaits an answer learns of the end from the queue.
       if (awaits) return kSuccess;
       ZEB_LOG_AS(kSendAndWait, LOG_ERR, "socket closed already");

@@ -44,6 +44,7 @@ AckEvent WithoutProperties(const AckEvent& event) {
 AckQueue::Waiter::Waiter(AckQueue& queue, MsgType awaited, int message_id)
     : queue_(queue), awaited_(awaited), message_id_(message_id) {
   const util::MutexLock lock(queue_.mutex_);
+  session_ = queue_.session_;
   queue_.waiters_.push_back(this);
 }
 
@@ -67,7 +68,7 @@ void AckQueue::Enqueue(const AckEvent& event) {
 
 bool AckQueue::TypeIsAwaited(MsgType type) const {
   return std::any_of(waiters_.begin(), waiters_.end(),
-                     [type](const Waiter* waiter) { return waiter->awaited_ == type; });
+                     [&](const Waiter* waiter) { return IsCurrent(waiter) && waiter->awaited_ == type; });
 }
 
 // Makes room after one event was appended, at the cost of what can be missed best.
@@ -89,6 +90,11 @@ AckQueue::Look AckQueue::Dequeue(Waiter& waiter, AckEvent& out, int64_t timeout_
   bool timed_out = false;
   const util::MutexLock lock(mutex_);
   for (;;) {
+    if (!IsCurrent(&waiter)) {
+      Look ended;
+      ended.verdict = Verdict::kEnd;
+      return ended;
+    }
     // Numbers ascend, so the first unseen event is found from the back in as many steps as there are new
     // ones.
     auto unseen = ack_event_l_.end();
@@ -127,7 +133,8 @@ AckQueue::Look AckQueue::Judge(Waiter& waiter, Entries::iterator entry, AckEvent
 
 bool AckQueue::AwaitedByAnother(const Waiter& waiter, const AckEvent& event) const {
   return std::any_of(waiters_.begin(), waiters_.end(), [&](const Waiter* other) {
-    return other != &waiter && other->awaited_ == event.type && other->message_id_ == event.message_id;
+    return other != &waiter && IsCurrent(other) && other->awaited_ == event.type &&
+           other->message_id_ == event.message_id;
   });
 }
 
@@ -150,6 +157,8 @@ void AckQueue::Clear() {
   const util::MutexLock lock(mutex_);
   ack_event_l_.clear();
   unawaited_count_ = 0;
+  ++session_;
+  cond_.Broadcast();
 }
 
 }  // namespace zeb::mqtt

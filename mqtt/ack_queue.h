@@ -46,7 +46,8 @@ class AckQueue {
     AckQueue& queue_;
     const MsgType awaited_;
     const int message_id_;
-    uint64_t seen_ = 0;  // number of the newest event looked at; its own thread's alone
+    uint64_t session_ = 0;  // the queue's when it was registered
+    uint64_t seen_ = 0;     // number of the newest event looked at; its own thread's alone
   };
 
   /// What a look at the next event told.
@@ -79,7 +80,8 @@ class AckQueue {
   /// Number of the newest event that a request could wait for.
   uint64_t News();
 
-  /// Forgets every event.
+  /// Forgets every event and begins a new session: for requests of earlier ones, whose identifiers the new
+  /// session gives out again, there is only the end.
   void Clear();
 
  private:
@@ -91,6 +93,7 @@ class AckQueue {
   };
   using Entries = std::list<Entry>;
 
+  bool IsCurrent(const Waiter* waiter) const { return waiter->session_ == session_; }
   bool TypeIsAwaited(MsgType type) const;
   void DropOldest();
   Look Judge(Waiter& waiter, Entries::iterator entry, AckEvent& out);
@@ -99,6 +102,7 @@ class AckQueue {
   util::Mutex mutex_;  // guards everything below
   util::Condition cond_;
   Entries ack_event_l_;          // by ascending number
+  uint64_t session_ = 0;         // counts the calls of Clear
   std::list<Waiter*> waiters_;   // requests in flight
   uint64_t last_number_ = 0;     // of the newest event
   uint64_t last_awaitable_ = 0;  // of the newest event that a request could wait for

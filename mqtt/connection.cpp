@@ -6,6 +6,8 @@
 
 #include "mqtt/client_log.h"
 #include "mqtt/self_mqtt_impl.h"
+#include "util/boot_clock.h"
+#include "util/scope_exit.h"
 
 namespace zeb::mqtt {
 namespace {
@@ -39,30 +41,45 @@ Result SelfMqttImpl::StartClient(ConnectOption& option, ConnectAck* ack) {
     CLIENT_LOG(LOG_ERR, "event_fd [%d] already created", event_fd_.load());
     return kAlreadyStarted;
   }
-  const Result result = Establish(option, ack);
-  EndStart();
-  return result;
+  const util::ScopeExit end_start([this] { EndStart(); });
+  SetTag(option.client_id);  // a stop that was still running has cleared it
+  return Establish(option, ack);
 }
 
-// Claims the start. A stop that is still running is waited for, so that it cannot take the new session down;
-// on the receive thread it could only be waited for in vain.
+// Claims the start. A stop that is still running is waited for, so that it cannot take the new session down,
+// and so is a start whose outcome is decided; on the receive thread they could only be waited for in vain.
 bool SelfMqttImpl::BeginStart(const ConnectOption& option) {
   if (OnReceiveThread()) return false;
-  {
-    const util::MutexLock lock(stop_mutex_);
-    if (starting_) return false;
-    starting_ = true;
-  }
-  const bool stopped = WaitForStop(std::clamp(option.timeout, 0, k_max_timeout) * kUsPerSecond);
+  const int64_t patience_us = std::clamp(option.timeout, 0, k_max_timeout) * kUsPerSecond;
+  if (!ClaimStart(util::MonotonicUs() + patience_us)) return false;
+  const bool stopped = WaitForStop(patience_us);
   if (stopped && self_stopped_) (void)StopRecvThread();  // reaps the thread that message_cb stopped
   if (stopped && event_fd_ <= 0) return true;
   EndStart();
   return false;
 }
 
+bool SelfMqttImpl::ClaimStart(int64_t deadline_us) {
+  const util::MutexLock lock(stop_mutex_);
+  while (starting_ == StartState::kLeaving) {
+    const int64_t left_us = deadline_us - util::MonotonicUs();
+    if (left_us <= 0) return false;
+    (void)stop_cond_.WaitUntil(stop_mutex_, left_us);  // the loop looks again either way
+  }
+  if (starting_ == StartState::kRunning) return false;
+  starting_ = StartState::kRunning;
+  return true;
+}
+
+void SelfMqttImpl::LeaveStart() {
+  const util::MutexLock lock(stop_mutex_);
+  starting_ = StartState::kLeaving;
+}
+
 void SelfMqttImpl::EndStart() {
   const util::MutexLock lock(stop_mutex_);
-  starting_ = false;
+  starting_ = StartState::kNone;
+  stop_cond_.Broadcast();
 }
 
 Result SelfMqttImpl::Establish(ConnectOption& option, ConnectAck* ack) {
@@ -80,17 +97,15 @@ Result SelfMqttImpl::Establish(ConnectOption& option, ConnectAck* ack) {
   keep_alive_ = option.keep_alive;
   keep_alive_us_ = keep_alive_ * kUsPerSecond;
   CLIENT_LOG_AS(kStartClient, LOG_DEBUG, "before connect mqtt client");
-  if (const Result result = OpenSocket(option, path, domain); result != kSuccess) return result;
-  status_ = kSocketConnected;
+  if (const Result result = OpenSession(option, path, domain); result != kSuccess) return result;
 
-  // Before the receive thread exists: it must not reach an earlier session's callbacks.
-  SetOptions(std::make_shared<const ConnectOption>(option));
-  if (const Result result = StartRecvThread(); result != kSuccess) {
-    CLIENT_LOG_AS(kStartClient, LOG_ERR, "StartRecvThread returns %d", result);
-    return result;
-  }
   ConnectAck unused;
-  return ExchangeConnect(option, ack != nullptr ? *ack : unused);
+  try {
+    return ExchangeConnect(option, ack != nullptr ? *ack : unused);
+  } catch (...) {  // out of memory: no thread goes on behind a start that failed
+    TearDown();
+    throw;
+  }
 }
 
 void SelfMqttImpl::ResetSession() {
@@ -165,7 +180,8 @@ Result SelfMqttImpl::PrepareTls(const ConnectOption& option) {
 }
 
 // Connecting may take the whole time-out, so it is done before any lock is taken.
-Result SelfMqttImpl::OpenSocket(const ConnectOption& option, const std::string& path, Domain domain) {
+std::shared_ptr<util::SocketClient> SelfMqttImpl::OpenSocket(const ConnectOption& option,
+                                                             const std::string& path, Domain domain) const {
   util::SocketClient::SocketClientOption settings;
   {
     const util::MutexLock lock(socket_mutex_);
@@ -175,17 +191,38 @@ Result SelfMqttImpl::OpenSocket(const ConnectOption& option, const std::string& 
   settings.tx_buf_size = k_max_tx_buf_;
   settings.rx_buf_size = k_max_rx_buf_;
   settings.host = option.host;
-  const auto opened = std::make_shared<util::SocketClient>(option.iface_name, util::Socket::Protocol::kTcp,
-                                                           domain, path, std::move(settings));
-  opened->SetTCPNoDelay(true);
+  auto socket = std::make_shared<util::SocketClient>(option.iface_name, util::Socket::Protocol::kTcp, domain,
+                                                     path, std::move(settings));
+  socket->SetTCPNoDelay(true);
+  return socket;
+}
+
+void SelfMqttImpl::ReplaceSocket(const std::shared_ptr<util::SocketClient>& socket) {
   {
-    util::MutexLock lock(socket_mutex_);
-    const std::shared_ptr<util::SocketClient> earlier = std::exchange(socket_client_, opened);
-    lock.Unlock();  // the earlier one is freed without it
+    const util::MutexLock lock(send_mutex_);
+    connect_sent_ = false;
   }
-  if (opened->IsConnected()) return kSuccess;
-  CLIENT_LOG_AS(kStartClient, LOG_ERR, "Cannot connect to %s", path.c_str());
-  return kInvalidArgument;
+  util::MutexLock lock(socket_mutex_);
+  const std::shared_ptr<util::SocketClient> earlier = std::exchange(socket_client_, socket);
+  lock.Unlock();  // the earlier one is freed without it
+}
+
+// Socket and receive thread come into being under one lock, so that a stop meets both or neither.
+Result SelfMqttImpl::OpenSession(const ConnectOption& option, const std::string& path, Domain domain) {
+  const std::shared_ptr<util::SocketClient> socket = OpenSocket(option, path, domain);
+  if (!socket->IsConnected()) {
+    ReplaceSocket(socket);
+    CLIENT_LOG_AS(kStartClient, LOG_ERR, "Cannot connect to %s", path.c_str());
+    return kInvalidArgument;
+  }
+  // Before the receive thread exists: it must not reach an earlier session's callbacks.
+  SetOptions(std::make_shared<const ConnectOption>(option));
+  const util::MutexLock lock(thread_mutex_);
+  ReplaceSocket(socket);
+  status_ = kSocketConnected;
+  const Result result = StartRecvThreadLocked();
+  if (result != kSuccess) CLIENT_LOG_AS(kStartClient, LOG_ERR, "StartRecvThread returns %d", result);
+  return result;
 }
 
 Result SelfMqttImpl::ExchangeConnect(ConnectOption& option, ConnectAck& ack) {
@@ -195,18 +232,23 @@ Result SelfMqttImpl::ExchangeConnect(ConnectOption& option, ConnectAck& ack) {
   if (recv_ended_) ack_event_q_.Enqueue(AckEvent());
 
   const Result result = Connect(option, &ack);
+  LeaveStart();
   int32_t connected = kSocketConnected;
   if (result == kSuccess && ack.reason_code == 0 &&
       status_.compare_exchange_strong(connected, kSessionEstablished)) {
     return kSuccess;
   }
   CLIENT_LOG_AS(kStartClient, LOG_ERR, "Connect error");
+  TearDown();
+  return kFailure;
+}
+
+// A stop from elsewhere may have got in first: then there is only its end to wait for.
+void SelfMqttImpl::TearDown() {
   MqttWrapper::DisconnectOption plain;
   (void)StopClient(&plain);
-  // A stop from elsewhere may have got in first, or taken the socket before the thread existed.
   (void)WaitForStop(timeout_us_);
   (void)StopRecvThread();
-  return kFailure;
 }
 
 }  // namespace zeb::mqtt

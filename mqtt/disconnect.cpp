@@ -5,6 +5,7 @@
 #include "mqtt/client_log.h"
 #include "mqtt/self_mqtt_impl.h"
 #include "util/boot_clock.h"
+#include "util/scope_exit.h"
 
 namespace zeb::mqtt {
 namespace {
@@ -77,6 +78,7 @@ Result SelfMqttImpl::StopClient(MqttWrapper::DisconnectOption* option) {
     CLIENT_LOG(LOG_DEBUG, "Ignore StopClient as already stopping");
     return kSuccess;
   }
+  util::ScopeExit end_stop([this] { EndStop(); });
   if (status_ == kSessionEstablished) {
     CLIENT_LOG(LOG_DEBUG, "Before call StopClient");
     if (Disconnect(option) != kSuccess) {
@@ -90,17 +92,15 @@ Result SelfMqttImpl::StopClient(MqttWrapper::DisconnectOption* option) {
     self_stopped_ = true;
     stop_requested_ = true;
     keep_thread_ = false;
+    end_stop.Dismiss();
     return kSuccess;
   }
-  const Result result = StopRecvThread();
-  FinishStop();
-  return result;
-}
-
-void SelfMqttImpl::FinishStop() {
+  // A start stores its socket and creates its thread under the same lock: a stop takes down both, or neither.
+  const util::MutexLock lock(thread_mutex_);
+  const Result result = StopRecvThreadLocked();
   DestroyConnection();
   SetTag("");
-  EndStop();
+  return result;
 }
 
 bool SelfMqttImpl::BeginStop() {

@@ -16,17 +16,21 @@ constexpr char kPong[] = "zeb::Result zeb::mqtt::SelfMqttImpl::Pong()";
 
 Result SelfMqttImpl::Ping(bool wait) {
   const util::MutexLock lock(ping_mutex_);
+  const bool judged_here = wait && !OnReceiveThread();
+  const uint64_t session = BeginPing(judged_here);
   ping_wait_ = wait;
   const Result result =
       SendAndWait(tx_buf_.get(), tx_buf_.get(), MsgType::PINGREQ, false, 0, false, -1, nullptr);
-  if (OnReceiveThread()) {
-    ping_wait_ = false;  // nobody waits here: Pong judges the answer, as of any ping of this thread
-  } else if (wait) {
+  if (judged_here) {
     CLIENT_LOG(LOG_DEBUG, "Clear ping pong time value");
     const util::MutexLock stamps(stamp_mutex_);
+    ping_waited_for_ = false;
+    if (session != stamp_session_) return result;  // they belong to a session that was started since
     ping_sent_ = 0;
     pong_recv_ = 0;
     ping_gave_up_ = result != kSuccess;
+  } else if (wait) {
+    ping_wait_ = false;  // nobody waits on this thread: Pong judges the answer
   }
   return result;
 }
@@ -41,7 +45,8 @@ Result SelfMqttImpl::Pong() {
   if (ping_sent_ < pong_recv_) return JudgeAnswer();
   if (pong_recv_ < 1) {
     const int32_t timeout_sec = timeout_sec_;
-    if (util::BootTimeUs() - ping_sent_ <= timeout_sec * kUsPerSecond) return kSuccess;
+    // A Ping that waits reports the missing answer itself, and does not end the session by that.
+    if (ping_waited_for_ || util::BootTimeUs() - ping_sent_ <= timeout_sec * kUsPerSecond) return kSuccess;
     CLIENT_LOG(LOG_ERR, "Cannot get PONGRESP message for %d seconds", timeout_sec);
     return kFailure;
   }
@@ -64,8 +69,16 @@ Result SelfMqttImpl::JudgeAnswer() {
   return kFailure;
 }
 
+// Tells which session the stamps belong to.
+uint64_t SelfMqttImpl::BeginPing(bool waited_for) {
+  const util::MutexLock lock(stamp_mutex_);
+  ping_waited_for_ = waited_for;
+  return stamp_session_;
+}
+
 void SelfMqttImpl::ResetStamps() {
   const util::MutexLock lock(stamp_mutex_);
+  ++stamp_session_;
   ping_sent_ = 0;
   pong_recv_ = 0;
   pings_unanswered_ = 0;

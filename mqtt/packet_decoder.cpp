@@ -74,8 +74,8 @@ int SelfMqttImpl::DecodePackets(const uint8_t* buf, size_t len) {
   auto left = static_cast<ssize_t>(len);
   if (left <= 0) return 0;
   int offset = 0;
-  // After a stop from inside message_cb nothing more is decoded: the session is over.
-  while (left > 0 && !self_stopped_) {
+  // After a stop nothing more is decoded: the session is over.
+  while (left > 0 && !stop_requested_) {
     const int used = DecodePacket(buf + offset, static_cast<size_t>(left));
     if (used <= 0) break;
     left -= used;

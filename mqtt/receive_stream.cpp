@@ -24,6 +24,10 @@ void SelfMqttImpl::ReceiveAvailable(RecvLoop& loop) {
   const size_t room = full ? skipped.size() : static_cast<size_t>(k_max_rx_buf_ - left_buf_size_);
   const ssize_t received = loop.socket->Recv(target, room);
   if (received == util::SocketClient::k_nothing_now) return;
+  if (received <= 0 && stop_requested_) {  // the stop itself shuts the socket down
+    keep_thread_ = false;
+    return;
+  }
   if (received < 0) {
     EndSession(kNetworkFailure);
     return;
@@ -91,7 +95,7 @@ void SelfMqttImpl::DecodeReceived(RecvLoop& loop, int rs) {
 // in front of later packets.
 int SelfMqttImpl::DropRefused(const uint8_t* buf, int len) const {
   constexpr int k_min_packet = 2;
-  if (self_stopped_ || len < k_min_packet || buf[0] >> 4 != 0) return 0;
+  if (stop_requested_ || len < k_min_packet || buf[0] >> 4 != 0) return 0;
   int remaining_length = 0;
   const int length_bytes = DecodeVbi(buf + 1, static_cast<unsigned int>(len - 1), remaining_length);
   const bool unfinished =

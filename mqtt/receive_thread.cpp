@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <cstring>
 #include <exception>
+#include <new>
 #include <utility>
 
 #include "mqtt/client_log.h"
@@ -24,6 +25,8 @@ namespace zeb::mqtt {
 namespace {
 
 constexpr char kRecvThread[] = "void zeb::mqtt::SelfMqttImpl::RecvThread()";
+constexpr char kStartRecvThread[] = "zeb::Result zeb::mqtt::SelfMqttImpl::StartRecvThread()";
+constexpr char kStopRecvThread[] = "zeb::Result zeb::mqtt::SelfMqttImpl::StopRecvThread()";
 constexpr int kMaxEvents = 3;  // socket, control descriptor, timer
 constexpr int64_t kUsPerSecond = 1'000'000;
 constexpr int kDrainPollMs = 20;
@@ -46,11 +49,21 @@ bool SelfMqttImpl::WriteControl(const char (&message)[9]) const {
 
 Result SelfMqttImpl::StartRecvThread() {
   const util::MutexLock lock(thread_mutex_);
+  return StartRecvThreadLocked();
+}
+
+Result SelfMqttImpl::StopRecvThread() {
+  const util::MutexLock lock(thread_mutex_);
+  return StopRecvThreadLocked();
+}
+
+// With thread_mutex_ held, like the next.
+Result SelfMqttImpl::StartRecvThreadLocked() {
   if (event_fd_ > 0) return kAlreadyStarted;
   util::ScopedFd event_fd(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
   if (!event_fd.valid()) {
     const int error = errno;
-    CLIENT_LOG(LOG_ERR, "eventfd errno [%d]", error);
+    CLIENT_LOG_AS(kStartRecvThread, LOG_ERR, "eventfd errno [%d]", error);
     return kFailure;
   }
   stop_requested_ = false;
@@ -63,7 +76,7 @@ Result SelfMqttImpl::StartRecvThread() {
   const util::MutexLock handle_lock(handle_mutex_);
   thread_state_ = ThreadState::kRunning;
   if (recv_thread_.Start([this] { RecvThread(); }) != kSuccess) {
-    CLIENT_LOG(LOG_ERR, "Cannot create receive thread");
+    CLIENT_LOG_AS(kStartRecvThread, LOG_ERR, "Cannot create receive thread");
     thread_state_ = ThreadState::kNone;
     event_fd_ = -1;
     return kFailure;
@@ -72,20 +85,21 @@ Result SelfMqttImpl::StartRecvThread() {
   return kSuccess;
 }
 
-Result SelfMqttImpl::StopRecvThread() {
-  const util::MutexLock lock(thread_mutex_);
+Result SelfMqttImpl::StopRecvThreadLocked() {
   if (event_fd_ < 0) return kNotStarted;
   stop_requested_ = true;
   keep_thread_ = false;
   char unread[8];
   (void)!::read(event_fd_, unread, sizeof unread);  // mostly there is nothing to read
   WriteControl(kExitMessage);
-  CLIENT_LOG(LOG_DEBUG, "Before join");
+  // The thread may be sending to a broker that does not read: that must not hold up the stop.
+  if (const auto socket = SharedSocket()) socket->Shutdown();
+  CLIENT_LOG_AS(kStopRecvThread, LOG_DEBUG, "Before join");
   AwaitThreadEnd();
-  CLIENT_LOG(LOG_DEBUG, "After join");
+  CLIENT_LOG_AS(kStopRecvThread, LOG_DEBUG, "After join");
   self_stopped_ = false;
   ::close(event_fd_.exchange(-1));
-  CLIENT_LOG(LOG_DEBUG, "End of StopRecvThread");
+  CLIENT_LOG_AS(kStopRecvThread, LOG_DEBUG, "End of StopRecvThread");
   return kSuccess;
 }
 
@@ -318,10 +332,15 @@ void SelfMqttImpl::EndRecvThread(RecvLoop& loop) {
                 dis_reason_.load());
   network_manager_.UnsetEventCb();
   recv_ended_ = true;
-  ack_event_q_.Enqueue(AckEvent());
+  try {
+    ack_event_q_.Enqueue(AckEvent());
+  } catch (const std::bad_alloc&) {  // who waits learns of the end by its time-out
+    CLIENT_LOG_AS(kRecvThread, LOG_ERR, "Cannot alloc end mark");
+  }
   loop.rx_buf.reset();
   loop.socket.reset();
   pending_drains_.clear();
+  recv_send_stalled_ = false;
   status_ = kDisconnected;
 
   // From here on the thread works on copies: once it has given its handle up, the client may be gone.
@@ -333,7 +352,11 @@ void SelfMqttImpl::EndRecvThread(RecvLoop& loop) {
   const bool self_stopped = self_stopped_;
   const bool report = !self_stopped && reason != kNoReason && option->disconnect_cb != nullptr;
   if (report) CLIENT_LOG_AS(kRecvThread, LOG_DEBUG, "Before call disconnect_cb ");
-  if (self_stopped) FinishStop();
+  if (self_stopped) {  // what StopClient left to this thread
+    DestroyConnection();
+    SetTag("");
+    EndStop();
+  }
   {
     const util::MutexLock lock(handle_mutex_);
     if (report) recv_thread_.Detach();

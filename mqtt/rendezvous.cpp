@@ -2,6 +2,7 @@
 // and the caller waits for the acknowledgement. Any thread; on the receive thread nothing here ever sleeps,
 // since it alone could deliver what is waited for.
 #include <linux/sockios.h>
+#include <poll.h>
 #include <sys/ioctl.h>
 
 #include <algorithm>
@@ -38,7 +39,7 @@ Result SelfMqttImpl::SendAndWait(const uint8_t* end, const uint8_t* begin, MsgTy
                                  uint8_t qos, bool dup, int message_id, void* ack,
                                  util::MutexLock* body_lock) {
   const std::shared_ptr<util::SocketClient> socket = SharedSocket();
-  if (const Result refused = CheckSendable(socket); refused != kSuccess) return refused;
+  if (const Result refused = CheckSendable(socket.get(), type); refused != kSuccess) return refused;
 
   const auto remaining_length = end - begin;
   if (remaining_length > kMaxRemainingLength) {
@@ -76,13 +77,20 @@ Result SelfMqttImpl::SendAndWait(const uint8_t* end, const uint8_t* begin, MsgTy
   return result;
 }
 
-Result SelfMqttImpl::CheckSendable(const std::shared_ptr<util::SocketClient>& socket) {
+Result SelfMqttImpl::CheckSendable(const util::SocketClient* socket, MsgType type) {
   if (socket == nullptr) return kNotConnected;
   if (status_ == kDisconnected) return kFailure;
   const util::MutexLock lock(send_mutex_);
-  if (!disconnect_called_) return kSuccess;
-  CLIENT_LOG_AS(kSendAndWait, LOG_ERR, "Disconnect already called");
-  return kFailure;
+  if (disconnect_called_) {
+    CLIENT_LOG_AS(kSendAndWait, LOG_ERR, "Disconnect already called");
+    return kFailure;
+  }
+  // Other threads' requests may meet a start: nothing may go out before CONNECT (MQTT 5.0, 3.1).
+  if (!connect_sent_ && type != MsgType::CONNECT) {
+    CLIENT_LOG_AS(kSendAndWait, LOG_ERR, "CONNECT is not sent yet");
+    return kFailure;
+  }
+  return kSuccess;
 }
 
 // What the request waits for; RESERVED: nothing.
@@ -108,7 +116,7 @@ MsgType SelfMqttImpl::AwaitedType(MsgType type, uint8_t qos) const {
 Result SelfMqttImpl::WritePacket(util::SocketClient& socket, const uint8_t* packet, int size,
                                  int remaining_length, MsgType type, int64_t* start_us) {
   // Both are on record before the write, even if that fails: an answer may come before the write returns.
-  if (type == MsgType::PINGREQ) RecordPing();
+  if (type == MsgType::PINGREQ && SharedSocket().get() == &socket) RecordPing();
   if (type == MsgType::DISCONNECT) {
     const util::MutexLock lock(send_mutex_);
     disconnect_called_ = true;
@@ -116,13 +124,30 @@ Result SelfMqttImpl::WritePacket(util::SocketClient& socket, const uint8_t* pack
   *start_us = util::BootTimeUs();
   CLIENT_LOG_AS(kSendAndWait, LOG_DEBUG, "Before send %s message size [%d] p_len [%d]", NameOf(type).c_str(),
                 size, remaining_length);
-  const ssize_t sent = socket.Send(packet, static_cast<size_t>(size));
+  const ssize_t sent = SendPacket(socket, packet, static_cast<size_t>(size));
   if (sent != size) {
     CLIENT_LOG_AS(kSendAndWait, LOG_ERR, "Cannot send data requested [%d] sent [%zd]", size, sent);
     return kSendFailed;
   }
   last_sent_ = util::BootTimeUs();
+  if (type == MsgType::CONNECT) {
+    const util::MutexLock lock(send_mutex_);
+    connect_sent_ = true;
+  }
   return kSuccess;
+}
+
+// A broker that sends but does not read must not hold the receive thread for one time-out a packet: after the
+// first one it sends only what the socket takes at once, until that works again.
+ssize_t SelfMqttImpl::SendPacket(util::SocketClient& socket, const uint8_t* packet, size_t size) {
+  if (!OnReceiveThread()) return socket.Send(packet, size);
+  if (recv_send_stalled_) {
+    pollfd writable{socket.GetFd(), POLLOUT, 0};
+    if (::poll(&writable, 1, 0) <= 0) return -1;
+  }
+  const ssize_t sent = socket.Send(packet, size);
+  recv_send_stalled_ = sent != static_cast<ssize_t>(size);
+  return sent;
 }
 
 // Asks how much the peer's TCP has not yet taken of what went out on `socket`.

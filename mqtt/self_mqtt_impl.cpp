@@ -2,6 +2,7 @@
 #include "mqtt/self_mqtt_impl.h"
 
 #include <cstdio>
+#include <new>
 #include <utility>
 
 #include "mqtt/client_log.h"
@@ -62,9 +63,13 @@ Result SelfMqttImpl::SetPubCompUserProperties(std::list<PairedString>& user_prop
   return kSuccess;
 }
 
-std::string SelfMqttImpl::Tag() const {
+std::string SelfMqttImpl::Tag() const noexcept {
   const util::MutexLock lock(option_mutex_);
-  return tag_;
+  try {
+    return tag_;
+  } catch (const std::bad_alloc&) {
+    return {};
+  }
 }
 
 void SelfMqttImpl::SetTag(const std::string& tag) {

@@ -141,7 +141,7 @@ class SelfMqttImpl {
   static constexpr int32_t k_max_timeout = 2147;  // seconds; more microseconds do not fit 32 bits
 
   // ---- self_mqtt_impl.cpp
-  std::string Tag() const;
+  std::string Tag() const noexcept;  // empty also when there is no memory for the copy
   void SetTag(const std::string& tag);
   std::shared_ptr<const ConnectOption> Options() const;
   void SetOptions(std::shared_ptr<const ConnectOption> option);
@@ -156,7 +156,8 @@ class SelfMqttImpl {
   bool BodyFits(const char* request, const PacketWriter& body) const;
 
   // ---- rendezvous.cpp
-  Result CheckSendable(const std::shared_ptr<util::SocketClient>& socket);
+  Result CheckSendable(const util::SocketClient* socket, MsgType type);
+  ssize_t SendPacket(util::SocketClient& socket, const uint8_t* packet, size_t size);
   Result WritePacket(util::SocketClient& socket, const uint8_t* packet, int size, int remaining_length,
                      MsgType type, int64_t* start_us);
   enum class QueueLook { kEmpty, kUnsent, kFailed };
@@ -172,14 +173,20 @@ class SelfMqttImpl {
 
   // ---- connection.cpp
   bool BeginStart(const ConnectOption& option);
+  bool ClaimStart(int64_t deadline_us);
+  void LeaveStart();
   void EndStart();
   void ResetSession();
   Result ChooseAddress(const ConnectOption& option, std::string& address, util::Socket::Domain& domain) const;
   Result ChooseResolved(const ConnectOption& option, std::string& address,
                         util::Socket::Domain& domain) const;
   Result PrepareTls(const ConnectOption& option);
-  Result OpenSocket(const ConnectOption& option, const std::string& path, util::Socket::Domain domain);
+  std::shared_ptr<util::SocketClient> OpenSocket(const ConnectOption& option, const std::string& path,
+                                                 util::Socket::Domain domain) const;
+  void ReplaceSocket(const std::shared_ptr<util::SocketClient>& socket);
+  Result OpenSession(const ConnectOption& option, const std::string& path, util::Socket::Domain domain);
   Result Establish(ConnectOption& option, ConnectAck* ack);
+  void TearDown();
   Result ExchangeConnect(ConnectOption& option, ConnectAck& ack);
 
   // ---- connect_exchange.cpp
@@ -212,6 +219,8 @@ class SelfMqttImpl {
   void DispatchEvents(RecvLoop& loop, const struct epoll_event* events, int n);
   bool HandleControl(const RecvLoop& loop);
   bool HandleTimer(const RecvLoop& loop);
+  Result StartRecvThreadLocked();
+  Result StopRecvThreadLocked();
   void PollPendingDrains(const util::SocketClient* socket);
   int WaitLimitMs(const RecvLoop& loop) const;
   void EndRecvThread(RecvLoop& loop);
@@ -227,6 +236,7 @@ class SelfMqttImpl {
   int DropRefused(const uint8_t* buf, int len) const;
 
   // ---- keep_alive.cpp
+  uint64_t BeginPing(bool waited_for);
   void ResetStamps();
   void RecordPing();
   void RecordPong();
@@ -243,7 +253,6 @@ class SelfMqttImpl {
   /// Waits until no stop is running, up to `timeout_us`, or without a limit when it is negative.
   bool WaitForStop(int64_t timeout_us);
   void DestroyConnection();
-  void FinishStop();
 
   const int32_t k_max_tx_buf_ = 131072;   // bytes: largest body the client can build
   const int32_t k_max_rx_buf_ = 131072;   // bytes: largest packet the client can take
@@ -274,6 +283,7 @@ class SelfMqttImpl {
   int32_t message_id_ = 0;               // message_id_mutex_: the identifier handed out last
   bool stop_calling_ = false;            // stop_mutex_: a stop is running
   bool disconnect_called_ = false;       // send_mutex_: DISCONNECT went out
+  bool connect_sent_ = false;            // send_mutex_: CONNECT went out on the current socket
   std::string wake_lock_name_;           // set once
   std::string tag_;                      // option_mutex_
   MqttWrapper* const wrapper_;
@@ -291,19 +301,23 @@ class SelfMqttImpl {
   mutable util::Mutex option_mutex_;  // option_, tag_, the three lists
   util::Mutex tx_mutex_;              // tx_buf_, from building a body to SendAndWait's copy of it
   util::Mutex stamp_mutex_;           // ping_sent_, pong_recv_ and the three below, as one snapshot
+  uint64_t stamp_session_ = 0;        // counts the starts: which session the stamps belong to
   int32_t pings_unanswered_ = 0;      // PINGREQs whose PINGRESP the broker still owes
+  bool ping_waited_for_ = false;      // a Ping waits for the last PINGREQ's answer and reports it missing
   bool ping_gave_up_ = false;         // the last PINGREQ's waiter left before its answer
   bool pong_was_late_ = false;        // an answer judged out of turn came after the limit
-  util::Condition stop_cond_;         // stop_mutex_: stop_calling_ was cleared
-  bool starting_ = false;             // stop_mutex_: a start is running
-  util::Mutex handle_mutex_;          // thread_state_, and recv_thread_ against the thread's own Detach
-  util::Condition handle_cond_;       // handle_mutex_: thread_state_ changed
+  util::Condition stop_cond_;         // stop_mutex_: a stop or a start has ended
+  enum class StartState { kNone, kRunning, kLeaving };  // leaving: its outcome is decided
+  StartState starting_ = StartState::kNone;             // stop_mutex_
+  util::Mutex handle_mutex_;     // thread_state_, and recv_thread_ against the thread's own Detach
+  util::Condition handle_cond_;  // handle_mutex_: thread_state_ changed
   enum class ThreadState { kNone, kRunning, kJoinable, kDetached };
   ThreadState thread_state_ = ThreadState::kNone;
   std::atomic<bool> stop_requested_{false};  // "evt_exit" was written, whatever the descriptor tells
   std::atomic<bool> network_lost_{false};    // "evt_disc" was written, whatever the descriptor tells
   std::atomic<bool> recv_ended_{false};      // the receive thread has left its loop
   std::atomic<bool> self_stopped_{false};    // stopped from inside message_cb: the thread finishes the stop
+  bool recv_send_stalled_ = false;           // receive thread: its last send ran into the time-out
   std::deque<int64_t> pending_drains_;       // receive thread: start times of packets not yet seen to leave
 };
 

@@ -2,7 +2,7 @@
 #include "util/thread.h"
 
 #include <csignal>
-#include <system_error>
+#include <exception>
 #include <utility>
 
 #include "util/log.h"
@@ -32,7 +32,7 @@ Result Thread::Start(std::function<void()> body) {
   const AllSignalsBlocked blocked;
   try {
     thread_ = std::thread(std::move(body));
-  } catch (const std::system_error& error) {
+  } catch (const std::exception& error) {
     ZEB_LOG(LOG_ERR, "no thread: %s", error.what());
     return kFailure;
   }

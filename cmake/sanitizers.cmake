@@ -1,0 +1,17 @@
+# zeb_enable_sanitizers(TARGET): builds and links the target with what ZEB_SANITIZE names.
+set(ZEB_SANITIZE "" CACHE STRING "Empty, address (with undefined behaviour), or thread")
+set_property(CACHE ZEB_SANITIZE PROPERTY STRINGS "" address thread)
+if(NOT ZEB_SANITIZE MATCHES "^(address|thread)?$")
+  message(FATAL_ERROR "ZEB_SANITIZE is \"${ZEB_SANITIZE}\"; it takes address, thread, or nothing")
+endif()
+
+function(zeb_enable_sanitizers target)
+  if(NOT ZEB_SANITIZE)
+    return()
+  endif()
+  string(REPLACE "address" "address,undefined" kinds "${ZEB_SANITIZE}")
+  target_compile_options(${target} PRIVATE
+    -fsanitize=${kinds} -fno-sanitize-recover=all -fno-omit-frame-pointer)
+  # Public: a program that takes in the library's objects needs the run-time part as well.
+  target_link_options(${target} PUBLIC -fsanitize=${kinds})
+endfunction()

@@ -1,0 +1,262 @@
+// Starts, stops, ends and callbacks, in every order and from every thread; nothing is left behind.
+#include <fcntl.h>
+#include <poll.h>
+
+#include <filesystem>
+#include <set>
+#include <stdexcept>
+
+#include "tests/session/session.h"
+#include "util/network_manager.h"
+
+namespace zeb::test {
+namespace {
+
+std::set<int> Descriptors() {
+  std::set<int> open;
+  for (int fd = 0; fd < 1'024; ++fd)
+    if (::fcntl(fd, F_GETFD) != -1) open.insert(fd);
+  return open;
+}
+
+template <typename Condition>
+bool Eventually(Condition condition) {
+  for (int look = 0; look < 20'000 && !condition(); ++look) ::poll(nullptr, 0, 1);
+  return condition();
+}
+
+void RaiseAddressLost(int32_t type, const char* ip_version) {
+  util::EventDic event(type);
+  event.SetParam(util::EventDic::k_ip_version, ip_version);
+  util::NetworkManager::RaiseEvent(event);
+}
+
+TEST(End, TellsWhyTheConnectionEnded) {
+  const std::tuple<const char*, int32_t, std::function<void(Session&)>, int, int> cases[] = {
+      {"closed", k_mqtt311, [](Session& session) { session.broker.connection().Close(); }, 1, 0},
+      {"reset", k_mqtt311, [](Session& session) { session.broker.connection().Close(true); }, 2, 0},
+      {"broker's DISCONNECT", k_mqtt5, [](Session& session) { session.Send("e00187"); }, 2, 0x87},
+      {"network lost", k_mqtt311, [](Session&) { RaiseAddressLost(260, "4"); }, 2, 0},
+      {"lost twice inside message_cb", k_mqtt311, [](Session& session) { session.Send("3003000161"); }, 2, 0},
+  };
+  for (const auto& [name, protocol, end, dis_reason, reason_code] : cases) {
+    SCOPED_TRACE(name);
+    Session session(protocol);
+    session.option.message_cb = [](auto&) {  // before either can be read
+      for (int i = 0; i < 2; ++i) RaiseAddressLost(260, "4");
+    };
+    ASSERT_EQ(session.Start(), kSuccess);
+    RaiseAddressLost(260, "6");  // of no concern, like the next
+    RaiseAddressLost(259, "4");
+    EXPECT_TRUE(session.Healthy());
+    end(session);
+    EXPECT_EQ(session.ends.Await(1), std::vector<int>{dis_reason});
+    const auto info = session.client.GetStatusInfo();
+    EXPECT_EQ(info.status, 3);
+    EXPECT_EQ(info.dis_reason, protocol == k_mqtt5 ? 0 : dis_reason);
+    EXPECT_EQ(info.reason_code, reason_code);
+    EXPECT_EQ(session.Start(), kAlreadyStarted);  // ended, but not stopped
+    EXPECT_EQ(session.Stop(), kSuccess);
+    RaiseAddressLost(260, "4");  // nobody is registered
+    EXPECT_EQ(session.Start(), kSuccess);
+    EXPECT_TRUE(session.Healthy());
+    EXPECT_EQ(session.ends.Await(1).size(), 1U);
+  }
+}
+
+TEST(Start, FailsWithoutAGoodConnack) {
+  const std::tuple<Handler, int, const char*, int> cases[] = {
+      {[](auto& connection, auto&) { connection.Close(); }, 10, "RESERVED comes in", 0xFFFF},
+      {[](auto& connection, auto&) { connection.Close(true); }, 10, "RESERVED comes in", 0xFFFF},
+      {Ignore, 1, "Cannot get CONNACK event for 1 seconds", 0xFFFF},
+      {Reply("2003008700"), 10, "CONNACK reason_code NOT_AUTHORIZED", 0x87},
+  };
+  for (const auto& [handler, timeout_s, line, reason_code] : cases) {
+    Session session(k_mqtt5, {{MsgType::CONNECT, handler}}, timeout_s);
+    MqttWrapper::ConnectAck ack;
+    const LogCapture log;
+    EXPECT_LT(Seconds([&] { EXPECT_EQ(session.client.StartClient(session.option, &ack), kFailure); }), 5.0);
+    EXPECT_TRUE(log.Contains(line)) << line;
+    EXPECT_EQ(ack.reason_code, reason_code);
+    EXPECT_EQ(Peer::SocketFd(session.client), -1);
+  }
+}
+
+TEST(Start, OfTwoAtOnceOneWins) {
+  Session session(k_mqtt311, {{MsgType::CONNECT, Ignore}});
+  auto first = std::async(std::launch::async, [&] { return session.Start(); });
+  ASSERT_EQ(session.broker.Await(MsgType::CONNECT).type(), MsgType::CONNECT);
+  auto option = session.option;
+  EXPECT_EQ(session.client.StartClient(option, nullptr), kAlreadyStarted);
+  session.Send("20020000");
+  EXPECT_EQ(first.get(), kSuccess);
+}
+
+TEST(Start, AndStopAtOnceEndCleanly) {
+  Session session(k_mqtt311, {}, 2);
+  for (int round = 0; round < 150; ++round) {
+    auto started = std::async(std::launch::async, [&] { return session.Start(); });
+    auto stopped = std::async(std::launch::async, [&] { return session.Stop(); });
+    const Result start = started.get();
+    (void)stopped.get();  // there may have been nothing to stop yet
+    if (session.client.GetStatusInfo().status == 2) {
+      ASSERT_EQ(start, kSuccess) << round;
+      ASSERT_TRUE(session.Healthy()) << round;
+      ASSERT_EQ(session.Stop(), kSuccess) << round;
+    }
+    ASSERT_EQ(session.client.StopRecvThread(), kNotStarted) << round;
+    ASSERT_EQ(Peer::SocketFd(session.client), -1) << round;
+  }
+  EXPECT_EQ(session.Start(), kSuccess);
+  EXPECT_TRUE(session.Healthy());
+}
+
+TEST(Start, SendsNothingBeforeConnectWhileOthersPublish) {
+  std::set<const Connection*> greeted;  // the broker's thread alone
+  std::atomic<int> early{0};
+  std::atomic<bool> done{false};
+  const auto judge = [&](Connection& connection, const Packet& packet) {
+    if (packet.type() == MsgType::CONNECT) greeted.insert(&connection);
+    early += greeted.count(&connection) == 0;
+    ScriptedBroker::Answer(connection, packet);
+  };
+  Session session(k_mqtt311, {{MsgType::CONNECT, judge}, {MsgType::PUBLISH, judge}});
+  std::vector<std::future<void>> publishers;
+  for (uint8_t qos = 0; qos <= 2; ++qos) {
+    publishers.push_back(std::async(std::launch::async, [&session, &done, qos] {
+      while (!done) (void)session.Publish(qos);  // most are refused
+    }));
+  }
+  for (int round = 0; round < 50; ++round) {
+    EXPECT_EQ(session.Start(), kSuccess) << round;
+    EXPECT_EQ(session.Publish(1), kSuccess) << round;
+    if (round % 2 == 0) session.broker.connection().Close(true);
+    EXPECT_EQ(session.Stop(), kSuccess) << round;
+  }
+  EXPECT_EQ(session.Start(), kSuccess);  // ends what still waits
+  done = true;
+  for (auto& each : publishers) each.get();
+  EXPECT_EQ(early, 0);
+}
+
+TEST(Stop, InsideMessageCbSendsDisconnectAndMayMeetAStart) {
+  Session session;
+  Mailbox<Result> stops;
+  session.option.message_cb = [&](MqttWrapper::PublishMessage&) {
+    const std::string tag = Peer::Tag(session.client);
+    stops.Push(session.Stop());
+    EXPECT_TRUE(Eventually([&] { return Peer::Tag(session.client) != tag; })) << "nobody starts";
+  };
+  for (size_t round = 1; round <= 4; ++round) {
+    session.option.client_id = "round" + std::to_string(round);
+    ASSERT_EQ(session.Start(), kSuccess);
+    EXPECT_EQ(Peer::Tag(session.client), session.option.client_id);
+    if (round == 4) break;
+    session.Send("3003000161 3003000161");  // the second message is not delivered any more
+    EXPECT_EQ(session.broker.Await(MsgType::DISCONNECT, round).hex(), "e000");
+    EXPECT_EQ(stops.Await(round), std::vector<Result>(round, kSuccess));
+  }
+  EXPECT_EQ(session.Stop(), kSuccess);
+  EXPECT_EQ(stops.Await(3).size(), 3U);
+  EXPECT_EQ(session.ends.Await(0).size(), 0U);
+}
+
+TEST(Stop, OnAnotherThreadIsWaitedForByTheDestructor) {
+  auto session = std::make_unique<Session>(k_mqtt311, std::map<MsgType, Handler>{}, 1);
+  ASSERT_EQ(session->Start(), kSuccess);
+  session->broker.connection().StopReading();  // so that the stop's DISCONNECT waits
+  const LogCapture log;
+  const std::string large(100'000, 'x');
+  for (int i = 0; i < 200 && !log.Contains("Cannot send data during"); ++i) (void)session->Publish(0, large);
+  auto stop =
+      std::async(std::launch::async, [client = &session->client] { return client->StopClient(nullptr); });
+  ASSERT_TRUE(log.WaitFor("Before call StopClient"));
+  session.reset();
+  EXPECT_TRUE(log.Contains("End of StopRecvThread"));
+  EXPECT_EQ(stop.get(), kSuccess);
+}
+
+TEST(Callback, RestartsAndDeletesItsClientInsideDisconnectCb) {
+  ScriptedBroker broker;
+  auto option = Options(broker.port());
+  Mailbox<Result> results;
+  auto client = std::make_unique<MqttWrapper>();
+  option.disconnect_cb = [&client, results](MqttWrapper* wrapper, int) {
+    EXPECT_EQ(wrapper, client.get());
+    results.Push(wrapper->StopClient(nullptr));
+    auto again = wrapper->GetConnectOption();
+    again.disconnect_cb = [&client, results](MqttWrapper*, int) {
+      client.reset();
+      results.Push(kSuccess);
+    };
+    results.Push(wrapper->StartClient(again, nullptr));
+  };
+  ASSERT_EQ(client->StartClient(option, nullptr), kSuccess);
+  broker.connection().Close();
+  EXPECT_EQ(results.Await(2), (std::vector<Result>{kSuccess, kSuccess}));
+  auto message = Message("a", "hi", 1);
+  EXPECT_EQ(client->Publish(message), kSuccess);
+  broker.connection().Close(true);
+  EXPECT_EQ(results.Await(3).size(), 3U);
+  EXPECT_EQ(client, nullptr);
+}
+
+TEST(Callback, MayThrow) {
+  Session session;
+  session.option.message_cb = [](MqttWrapper::PublishMessage& message) {
+    if (message.payload == "1") throw std::runtime_error("oops");
+    throw 1;
+  };
+  session.option.disconnect_cb = [](MqttWrapper*, int) { throw std::runtime_error("oops"); };
+  ASSERT_EQ(session.Start(), kSuccess);
+  const LogCapture log;
+  session.Send("3206 000161 0001 31 3006 000161 323232");
+  EXPECT_EQ(session.broker.Await(MsgType::PUBACK).hex(), "40020001");
+  EXPECT_TRUE(session.Healthy());
+  EXPECT_EQ(log.Count("message_cb threw"), 2);
+  session.broker.connection().Close();
+  EXPECT_TRUE(log.WaitFor("disconnect_cb threw [oops]"));
+  EXPECT_EQ(session.Stop(), kSuccess);
+  EXPECT_EQ(session.Start(), kSuccess);
+}
+
+TEST(Resources, TwoHundredCyclesLeaveNothingBehind) {
+  Session session;
+  std::set<int> descriptors;
+  for (size_t round = 0; round <= 200; ++round) {
+    ASSERT_EQ(session.Start(), kSuccess);
+    if (round % 5 == 0) {  // these end by themselves
+      session.broker.connection().Close();
+      ASSERT_EQ(session.ends.Await(round / 5 + 1).back(), 1);
+    }
+    ASSERT_EQ(session.Stop(), kSuccess);
+    ASSERT_TRUE(session.broker.AwaitClosed());
+    if (round == 0) descriptors = Descriptors();
+  }
+  EXPECT_TRUE(Eventually([&] { return Descriptors() == descriptors; }));
+  EXPECT_TRUE(Eventually([] {
+    const std::filesystem::directory_iterator threads("/proc/self/task");
+    return std::distance(threads, {}) <= 3;  // the test's, the broker's, perhaps a sanitizer's
+  }));
+}
+
+TEST(Resources, StayOffTheStandardStreamsAndOutOfOtherPrograms) {
+  Session session;
+  testing::internal::CaptureStderr();
+  const int kept = ::fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 3);
+  ::close(STDIN_FILENO);
+  const std::set<int> before = Descriptors();
+  EXPECT_EQ(session.Start(), kSuccess);
+  session.Send("0000 0000 62020009");  // each of which is logged
+  EXPECT_TRUE(session.Healthy());
+  EXPECT_GE(Descriptors().size(), before.size() + 4);  // socket, control descriptor, timer, epoll
+  for (const int fd : Descriptors())
+    EXPECT_TRUE(before.count(fd) != 0 || (fd > 2 && (::fcntl(fd, F_GETFD) & FD_CLOEXEC) != 0)) << fd;
+  EXPECT_EQ(session.Stop(), kSuccess);
+  ::dup2(kept, STDIN_FILENO);
+  ::close(kept);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+}
+
+}  // namespace
+}  // namespace zeb::test

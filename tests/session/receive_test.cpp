@@ -1,0 +1,167 @@
+// The inbound stream: cut anywhere, too large, refused, endless. What the client answers and delivers.
+#include <malloc.h>
+
+#include <set>
+
+#include "tests/session/session.h"
+
+namespace zeb::test {
+namespace {
+
+/// A QoS 0 PUBLISH of `total` bytes, 16,388 or more.
+std::string SizedPublish(size_t total) {
+  const size_t length = total - 4;
+  const std::string header = {'\x30', static_cast<char>((length & 0x7F) | 0x80),
+                              static_cast<char>((length >> 7 & 0x7F) | 0x80),
+                              static_cast<char>(length >> 14)};
+  return header + Bytes("000161") + std::string(length - 3, 'x');
+}
+
+/// `last` is the payload, or an empty property block.
+std::string Qos1Publishes(int count, char last) {
+  std::string all;
+  for (int id = 1; id <= count; ++id)
+    all += Bytes("3206000161") + static_cast<char>(id >> 8) + static_cast<char>(id & 0xFF) + last;
+  return all;
+}
+
+TEST(Stream, IsTheSameWhereverItIsCut) {
+  const std::string packets[] = {Bytes("3008 0003612f62 313233"),
+                                 Bytes("30c501 000161") + std::string(194, 'x'), Bytes("d000"),
+                                 Bytes("3207 0003612f62 0005"), Bytes("3005 000161 3435")};
+  std::string stream;
+  std::set<size_t> ends;
+  for (const std::string& packet : packets) ends.insert((stream += packet).size());
+  Session session;
+  ASSERT_EQ(session.Start(), kSuccess);
+  const LogCapture log;
+  int saved = 0;
+  std::vector<std::string> expected;
+  for (size_t cut = 1; cut<stream.size(); cut += cut> 15 && cut < 205 ? 19 : 1) {
+    session.broker.connection().Send(stream.substr(0, cut));
+    if (ends.count(cut) == 0) ++saved;  // a packet's start is held
+    ASSERT_TRUE(log.WaitFor("Save buffer for future use left_buf_size_", saved)) << cut;
+    session.broker.connection().Send(stream.substr(cut));
+    for (const auto& payload : {std::string("123"), std::string(194, 'x'), std::string(), std::string("45")})
+      expected.push_back(payload);
+    ASSERT_EQ(session.payloads.Await(expected.size()), expected) << cut;
+  }
+  session.broker.connection().Send(stream + stream + stream);  // many packets in one read
+  EXPECT_EQ(session.payloads.Await(expected.size() + 12).size(), expected.size() + 12);
+  EXPECT_EQ(session.broker.Await(MsgType::PUBACK, expected.size() / 4 + 3).hex(), "40020005");
+}
+
+TEST(Stream, ResumesBehindAPacketThatIsTooLarge) {
+  Session session;
+  ASSERT_EQ(session.Start(), kSuccess);
+  std::vector<std::string> expected;
+  for (const size_t size : {131'071, 131'072, 131'073, 131'074, 147'456, 200'000}) {
+    SCOPED_TRACE(size);
+    const bool taken = size <= 131'072;
+    const LogCapture log;
+    if (taken) expected.emplace_back(size - 7, 'x');
+    expected.push_back("next");
+    session.broker.connection().Send(SizedPublish(size) + Bytes("3007000161") + "next");
+    ASSERT_TRUE(session.payloads.Await(expected.size()) == expected);
+    EXPECT_EQ(log.Count("Drop this too big packet total_packet_size [" + std::to_string(size) + "]"), !taken);
+  }
+  session.broker.connection().Send(SizedPublish(300'000).substr(0, 250'000));
+  session.broker.connection().Close();
+  EXPECT_EQ(session.ends.Await(1), std::vector<int>{1});
+  EXPECT_EQ(session.Stop(), kSuccess);
+  ASSERT_EQ(session.Start(), kSuccess);  // nothing of it is left for the next connection
+  EXPECT_TRUE(session.Healthy());
+}
+
+TEST(Stream, DropsARefusedPacketAndGoesOnBehindIt) {
+  Session session;
+  ASSERT_EQ(session.Start(), kSuccess);
+  const LogCapture log;
+  session.Send("0002aabb 0000 3004 000161 31");
+  EXPECT_EQ(session.payloads.Await(1), std::vector<std::string>{"1"});
+  EXPECT_EQ(log.Count("Serious parsing error"), 2);
+  session.Send("0003aa");
+  ASSERT_TRUE(log.WaitFor("Save buffer for future use left_buf_size_ [3]"));
+  session.Send("bbcc 3004 000161 32");
+  EXPECT_EQ(session.payloads.Await(2), (std::vector<std::string>{"1", "2"}));
+}
+
+TEST(Inbound, QosHandshakes) {
+  const std::tuple<int32_t, const char*, MsgType, const char*> cases[] = {
+      {k_mqtt311, "3205 000161 0007", MsgType::PUBACK, "40020007"},
+      {k_mqtt5, "3206 000161 0007 00", MsgType::PUBACK, "400400070000"},
+      {k_mqtt311, "3405 000161 0007", MsgType::PUBCOMP, "70020007"},
+      {k_mqtt5, "3406 000161 0007 00", MsgType::PUBCOMP, "700400070000"},
+  };
+  for (const auto& [protocol, publish, type, hex] : cases) {
+    SCOPED_TRACE(hex);
+    Session session(protocol);
+    ASSERT_EQ(session.Start(), kSuccess);
+    const LogCapture log;
+    session.Send(publish);
+    EXPECT_EQ(session.broker.Await(type).hex(), hex);
+    EXPECT_EQ(session.payloads.Await(1).size(), 1U);
+    session.Send("62020009");  // of a message that never came
+    ASSERT_TRUE(session.Healthy());
+    EXPECT_TRUE(log.Contains("Cannot find message_id [9] in recv_publish_msg_l"));
+    EXPECT_EQ(session.broker.Count(type), 1U);
+  }
+}
+
+TEST(Inbound, TenThousandMessagesAreAnsweredInOrderInConstantMemory) {
+  constexpr int k_messages = 10'000;
+  Session session;
+  session.option.message_cb = nullptr;
+  ASSERT_EQ(session.Start(), kSuccess);
+  const size_t before = ::mallinfo2().uordblks;
+  session.broker.connection().Send(Qos1Publishes(k_messages, 'p'));
+  ASSERT_EQ(session.broker.Await(MsgType::PUBACK, k_messages).hex(), "40022710");
+  EXPECT_LT(::mallinfo2().uordblks, before + 3'000'000);  // of which the broker's own records are the most
+  std::string answers;
+  for (const Packet& answer : session.broker.Received(MsgType::PUBACK))
+    answers += Bytes("3206000161") + answer.id() + "p";
+  EXPECT_TRUE(answers == Qos1Publishes(k_messages, 'p'));
+  EXPECT_LE(Peer::QueuedEvents(session.client).size(), 64U);
+  EXPECT_LT(Seconds([&] { EXPECT_EQ(session.Publish(1), kSuccess); }), 2.0);  // no slower for what is queued
+}
+
+// Whatever comes in, every call ends near its time-out and the client can be stopped and started again.
+TEST(Hostile, GarbageNeverHangsOrCrashes) {
+  const auto run = [](uint32_t seed) {
+    const auto send_garbage = [state = seed](Connection& connection, const Packet&) mutable {
+      std::string bytes(28'000, '\0');
+      for (size_t i = 0; i < bytes.size(); ++i) {
+        state = state * 1'664'525U + 1'013'904'223U;
+        bytes[i] = static_cast<char>(state >> (i % 9 == 1 ? 27 : 24));  // short lengths
+      }
+      connection.Send(bytes);
+    };
+    Session session(seed % 2 == 0 ? k_mqtt311 : k_mqtt5, {{MsgType::PUBLISH, send_garbage}}, 1);
+    EXPECT_EQ(session.Start(), kSuccess);
+    EXPECT_LT(Seconds([&] { (void)session.Publish(1); }), 5.0) << seed;
+    EXPECT_LT(Seconds([&] { (void)session.Stop(); }), 5.0) << seed;
+    EXPECT_EQ(session.Start(), kSuccess) << seed;
+  };
+  std::vector<std::future<void>> runs;
+  for (uint32_t seed = 1; seed <= 12; ++seed) runs.push_back(std::async(std::launch::async, run, seed));
+  for (auto& each : runs) each.get();
+}
+
+TEST(Hostile, AFloodFromABrokerThatNeverReadsHoldsNoCallForLong) {
+  std::list<MqttWrapper::PairedString> large = {{"k", std::string(60'000, 'x')}};  // soon clogs the way
+  for (const bool stops : {true, false}) {
+    auto session = std::make_unique<Session>(k_mqtt5, std::map<MsgType, Handler>{}, 1);
+    EXPECT_EQ(session->client.SetPubAckUserProperties(large), kSuccess);
+    ASSERT_EQ(session->Start(), kSuccess);
+    const LogCapture log;
+    session->broker.connection().StopReading();
+    session->broker.connection().Send(Qos1Publishes(2'000, '\0'));
+    EXPECT_TRUE(log.WaitFor("Cannot send data requested"));
+    EXPECT_LT(Seconds([&] { EXPECT_NE(session->Publish(1), kSuccess); }), 4.0);
+    EXPECT_LT(Seconds([&] { EXPECT_EQ(stops ? session->Stop() : kSuccess, kSuccess); }), 4.0);
+    EXPECT_LT(Seconds([&] { session.reset(); }), 4.0);
+  }
+}
+
+}  // namespace
+}  // namespace zeb::test

@@ -1,0 +1,152 @@
+// Requests and the acknowledgements they wait for: the right one, a wrong one, another request's, none.
+#include <ctime>
+
+#include "tests/session/session.h"
+
+namespace zeb::test {
+namespace {
+
+// Each gets the right identifier on wrong types between two wrong identifiers, and then its own.
+TEST(Publish, GoesOnOnlyAfterTheAcknowledgementOfItsOwnIdentifier) {
+  Session session(k_mqtt311, {{MsgType::PUBLISH, Ignore}, {MsgType::PUBREL, Ignore}});
+  for (const uint8_t qos : {uint8_t{1}, uint8_t{2}}) {
+    ASSERT_EQ(session.Start(), kSuccess);
+    const LogCapture log;
+    auto published = session.PublishAsync(qos);
+    ASSERT_EQ(session.broker.Await(MsgType::PUBLISH, qos).qos(), qos);
+    session.Send(qos == 1 ? "40020063 50020001 70020001 40020063" : "50020063 40020001 70020001 50020063");
+    ASSERT_TRUE(log.WaitFor("Expected message_id [1] but message_id [99] comes in continue loop", 2));
+    EXPECT_FALSE(IsReady(published));
+    EXPECT_EQ(session.broker.Count(MsgType::PUBREL), 0U);
+    session.Send(qos == 1 ? "40020001" : "50020001");
+    if (qos == 2) {
+      ASSERT_EQ(session.broker.Await(MsgType::PUBREL).hex(), "62020001");
+      session.Send("70020001");
+    }
+    EXPECT_EQ(published.get(), kSuccess);
+    EXPECT_EQ(session.Stop(), kSuccess);
+  }
+}
+
+TEST(Publish, ManyInFlightTakeTheirAnswersInAnyOrder) {
+  constexpr size_t k_threads = 8;
+  std::vector<Packet> held;  // the broker's thread alone
+  const auto answer_in_reverse = [&held](Connection& connection, const Packet& packet) {
+    held.push_back(packet);
+    if (held.size() < k_threads) return;
+    for (; !held.empty(); held.pop_back()) ScriptedBroker::Answer(connection, held.back());
+  };
+  Session session(k_mqtt311, {{MsgType::PUBLISH, answer_in_reverse}});
+  ASSERT_EQ(session.Start(), kSuccess);
+  for (int round = 0; round < 20; ++round) {
+    std::vector<std::future<Result>> published;
+    for (size_t i = 0; i < k_threads; ++i) published.push_back(session.PublishAsync(i % 2 == 0 ? 1 : 2));
+    for (auto& each : published) ASSERT_EQ(each.get(), kSuccess) << "round " << round;
+  }
+  for (const Packet& packet : session.broker.Received(MsgType::PUBLISH))  // no body mixed with another
+    ASSERT_EQ(packet.body(), Bytes("0003612f62") + packet.id() + "hi");
+  EXPECT_EQ(Peer::QueuedEvents(session.client).size(), 0U);
+}
+
+TEST(Request, GivesUpAtTheTimeoutWithItsLine) {
+  MqttWrapper::SubscribeOption subscribe;
+  MqttWrapper::UnsubscribeOption unsubscribe;
+  Session session(k_mqtt5, {{MsgType::PUBLISH, Ignore},
+                            {MsgType::SUBSCRIBE, Ignore},
+                            {MsgType::UNSUBSCRIBE, Ignore},
+                            {MsgType::PINGREQ, Ignore}});
+  const std::pair<std::function<Result()>, std::string> cases[] = {
+      {[&] { return session.Publish(1); }, "PUBACK"},
+      {[&] { return session.Publish(2); }, "PUBREC"},
+      {[&] { return session.client.Subscribe(subscribe, nullptr); }, "SUBACK"},
+      {[&] { return session.client.Unsubscribe(unsubscribe, nullptr); }, "UNSUBACK"},
+      {[&] { return session.client.Ping(true); }, "PINGRESP"},
+  };
+  ASSERT_EQ(session.Start(), kSuccess);
+  Peer::SetTimeout(session.client, 1);
+  const LogCapture log;
+  std::vector<std::future<Result>> results;
+  for (const auto& each : cases) results.push_back(std::async(std::launch::async, each.first));
+  EXPECT_GE(Seconds([&] { EXPECT_EQ(results[0].get(), kFailure); }), 0.9);
+  for (size_t i = 1; i < results.size(); ++i) EXPECT_EQ(results[i].get(), kFailure);
+  for (const auto& each : cases)
+    EXPECT_EQ(log.Count("Cannot get " + each.second + " event for 1 seconds"), 1) << each.second;
+}
+
+TEST(Request, SleepsWhileForeignEventsAreQueuedAndEndsSilently) {
+  Session session(k_mqtt311, {{MsgType::PUBLISH, Reply("3003000161")}}, 1);
+  ASSERT_EQ(session.Start(), kSuccess);
+  const LogCapture log;
+  const auto thread_cpu_seconds = [] {
+    timespec used{};
+    ::clock_gettime(CLOCK_THREAD_CPUTIME_ID, &used);
+    return static_cast<double>(used.tv_sec) + static_cast<double>(used.tv_nsec) / 1e9;
+  };
+  const double cpu_before = thread_cpu_seconds();
+  const double took = Seconds([&] { EXPECT_EQ(session.Publish(1), kFailure); });
+  EXPECT_LT(thread_cpu_seconds() - cpu_before, 0.3) << "it span";
+  EXPECT_GE(took, 0.95);
+  EXPECT_LT(took, 3.0);
+  EXPECT_EQ(log.Count("Not proper event, requeue for future use"), 1);
+  EXPECT_FALSE(log.Contains("Cannot get"));
+  EXPECT_EQ(Peer::QueuedEvents(session.client).size(), 1U);  // put back for whoever it is for
+}
+
+TEST(Request, FailsAtOnceWhenTheConnectionEnds) {
+  const auto close = [](Connection& connection, const Packet&) { connection.Close(); };
+  Session session(k_mqtt311, {{MsgType::PUBLISH, close}});
+  EXPECT_EQ(session.Publish(0), kNotConnected);
+  ASSERT_EQ(session.Start(), kSuccess);
+  const LogCapture log;
+  EXPECT_LT(Seconds([&] { EXPECT_EQ(session.Publish(1), kFailure); }), 5.0);
+  EXPECT_TRUE(log.Contains("RESERVED comes in break loop"));
+  EXPECT_EQ(session.ends.Await(1), std::vector<int>{1});
+  EXPECT_EQ(session.Publish(0), kFailure);  // disconnected, but not stopped
+  EXPECT_EQ(session.Stop(), kSuccess);
+  EXPECT_EQ(session.Publish(0), kNotConnected);
+  ASSERT_EQ(session.Start(), kSuccess);
+  ASSERT_EQ(session.client.Disconnect(nullptr), kSuccess);
+  EXPECT_EQ(session.Publish(0), kFailure);
+  EXPECT_EQ(session.client.GetStatusInfo().status, 3);
+}
+
+TEST(Request, ThatOutlivesItsSessionLeavesTheNextOneItsAnswers) {
+  std::atomic<bool> answers{false};
+  Session session(k_mqtt311, {{MsgType::PUBLISH, [&](Connection& connection, const Packet& packet) {
+                                 if (answers) ScriptedBroker::Answer(connection, packet);
+                               }}});
+  ASSERT_EQ(session.Start(), kSuccess);
+  std::future<Result> old[] = {session.PublishAsync(1), session.PublishAsync(1)};
+  ASSERT_EQ(session.broker.Await(MsgType::PUBLISH, 2).qos(), 1);
+  session.broker.connection().Close();
+  ASSERT_EQ(session.ends.Await(1).size(), 1U);
+  answers = true;
+  ASSERT_EQ(session.Stop(), kSuccess);
+  ASSERT_EQ(session.Start(), kSuccess);
+  std::future<Result> fresh[] = {session.PublishAsync(1), session.PublishAsync(1)};
+  for (auto& each : old) EXPECT_LT(Seconds([&] { EXPECT_EQ(each.get(), kFailure); }), 5.0);
+  for (auto& each : fresh) EXPECT_EQ(each.get(), kSuccess);
+  EXPECT_EQ(Hex(session.broker.Await(MsgType::PUBLISH, 3).id()), "0001");  // as in the session before
+}
+
+TEST(Request, InsideMessageCbFailsAtOnceButQos0Works) {
+  Session session;
+  Mailbox<Result> results;
+  session.option.message_cb = [&](MqttWrapper::PublishMessage&) {
+    results.Push(session.Publish(1));
+    results.Push(session.Publish(0));
+    results.Push(session.client.Ping(true));
+  };
+  ASSERT_EQ(session.Start(), kSuccess);
+  const LogCapture log;
+  session.Send("3003000161");
+  EXPECT_LT(Seconds([&] { EXPECT_EQ(results.Await(3)[1], kSuccess); }), 5.0);
+  EXPECT_EQ(results.Await(3), (std::vector<Result>{kFailure, kSuccess, kFailure}));
+  EXPECT_EQ(log.Count("Cannot get PUBACK event for 10 seconds"), 1);
+  EXPECT_EQ(log.Count("Cannot get PINGRESP event for 10 seconds"), 1);
+  EXPECT_EQ(session.broker.Await(MsgType::PUBLISH, 2).qos(), 0);
+  EXPECT_EQ(session.Publish(2), kSuccess);
+}
+
+}  // namespace
+}  // namespace zeb::test

@@ -1,0 +1,113 @@
+// A client and the scripted broker it talks to, with what its callbacks reported.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <future>
+#include <mutex>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "mqtt/self_mqtt_impl.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/peer.h"
+#include "tests/support/scripted_broker.h"
+#include "util/boot_clock.h"
+
+namespace zeb::test {
+
+using mqtt::MqttWrapper;
+using mqtt::SelfMqttImpl;
+using Peer = mqtt::SelfMqttImplPeer;
+
+constexpr int32_t k_mqtt311 = 1;  // ConnectOption::protocol
+constexpr int32_t k_mqtt5 = 2;
+
+/// For a broker on loopback: no pings, and a client identifier of its own.
+inline MqttWrapper::ConnectOption Options(int port, int32_t protocol = k_mqtt311, int32_t timeout_s = 10) {
+  static std::atomic<int> clients{0};
+  MqttWrapper::ConnectOption option;
+  option.protocol = protocol;
+  option.host = "127.0.0.1";
+  option.port = port;
+  option.timeout = timeout_s;
+  option.client_id = "test" + std::to_string(++clients);
+  option.keep_alive = 0;
+  return option;
+}
+
+inline MqttWrapper::PublishOption Message(const std::string& topic, const std::string& payload, uint8_t qos) {
+  MqttWrapper::PublishOption option;
+  option.topic = topic;
+  option.payload = payload;
+  option.qos = qos;
+  return option;
+}
+
+/// What callbacks report, in order. Any thread. Copies share the values: a disconnect_cb that is still
+/// running when the test has ended keeps them alive by its own copy.
+template <typename T>
+class Mailbox {
+ public:
+  void Push(T value) const {
+    const std::lock_guard<std::mutex> lock(state_->mutex);
+    state_->values.push_back(std::move(value));
+    state_->changed.notify_all();
+  }
+  /// The values, once there are `count`, or those that came before the deadline.
+  [[nodiscard]] std::vector<T> Await(size_t count) const {
+    std::unique_lock<std::mutex> lock(state_->mutex);
+    state_->changed.wait_for(lock, k_deadline, [&] { return state_->values.size() >= count; });
+    return state_->values;
+  }
+
+ private:
+  struct State {
+    std::mutex mutex;
+    std::condition_variable changed;
+    std::vector<T> values;
+  };
+  std::shared_ptr<State> state_ = std::make_shared<State>();
+};
+
+struct Session {
+  explicit Session(int32_t protocol = k_mqtt311, std::map<MsgType, Handler> handlers = {},
+                   int32_t timeout_s = 10)
+      : broker(std::move(handlers)), option(Options(broker.port(), protocol, timeout_s)) {
+    option.message_cb = [this](MqttWrapper::PublishMessage& message) { payloads.Push(message.payload); };
+    option.disconnect_cb = [ends = ends](MqttWrapper*, int reason) { ends.Push(reason); };
+  }
+  [[nodiscard]] Result Start() { return client.StartClient(option, nullptr); }
+  [[nodiscard]] Result Stop() { return client.StopClient(nullptr); }
+  [[nodiscard]] Result Publish(uint8_t qos, const std::string& payload = "hi") {
+    auto message = Message("a/b", payload, qos);
+    return client.Publish(message);
+  }
+  [[nodiscard]] std::future<Result> PublishAsync(uint8_t qos) {
+    return std::async(std::launch::async, [this, qos] { return Publish(qos); });
+  }
+  void Send(const std::string& hex) { broker.connection().Send(Bytes(hex)); }
+  /// A round trip: whatever the broker sent before has been dealt with.
+  [[nodiscard]] bool Healthy() { return client.Ping(true) == kSuccess && client.GetStatusInfo().status == 2; }
+
+  ScriptedBroker broker;
+  MqttWrapper::ConnectOption option;
+  Mailbox<std::string> payloads;  // of the messages delivered
+  Mailbox<int> ends;              // reasons given to disconnect_cb
+  SelfMqttImpl client{nullptr};   // ends first: message_cb uses the others
+};
+
+/// Seconds that `call` took.
+template <typename Call>
+double Seconds(Call call) {
+  const int64_t start_us = util::MonotonicUs();
+  call();
+  return static_cast<double>(util::MonotonicUs() - start_us) / 1e6;
+}
+
+inline bool IsReady(const std::future<Result>& future) {
+  return future.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
+}
+
+}  // namespace zeb::test

@@ -1,0 +1,229 @@
+// What goes out on the wire, byte by byte, and what is refused before a byte goes out.
+#include "tests/session/session.h"
+
+namespace zeb::test {
+namespace {
+
+using Pair = MqttWrapper::PairedString;
+using Adapt = std::function<void(MqttWrapper::ConnectOption&)>;
+using Request = std::function<Result(SelfMqttImpl&)>;
+
+std::string Long(size_t size) { return std::string(size, 'x'); }
+const std::list<Pair> k_properties = {{"", "v"}, {"k", "v"}, {"k", ""}};  // one of which is whole
+const std::list<Pair> k_huge(3, {"k", Long(65'000)});
+
+void AdaptEverything(MqttWrapper::ConnectOption& option) {
+  option.clean_session = false;
+  option.user_name = "u";
+  option.password = "p";
+  option.session_expiry_interval = 5;
+  option.receive_maximum = 10;
+  option.topic_alias_maximum = 3;
+  option.request_response_information = 1;
+  option.request_problem_information = 0;
+  option.user_property = k_properties;
+  option.lwt.enable = option.lwt.msg.retain = true;
+  option.lwt.msg.topic = "w";
+  option.lwt.msg.payload = std::string("x\0y", 3);
+  option.lwt.msg.qos = 3;
+  option.lwt.properties.will_delay_interval = 1;
+  option.lwt.properties.payload_format_indicator = 1;
+  option.lwt.properties.message_expiry_interval = 2;
+  option.lwt.properties.content_type = "ct";
+  option.lwt.properties.response_topic = "rt";
+}
+
+TEST(Wire, Connect) {
+  const Adapt with_will = [](auto& option) { option.lwt.enable = true; };
+  const std::tuple<int32_t, Adapt, const char*> cases[] = {
+      {k_mqtt311, [](auto&) {}, "1010 00044d515454 04 02 003c 000464657631"},
+      {k_mqtt5, [](auto&) {}, "1016 00044d515454 05 02 003c 05 2700020000 000464657631"},
+      {k_mqtt311, [](auto& option) { option.password = "p"; },
+       "1013 00044d515454 04 42 003c 000464657631 000170"},
+      {k_mqtt311, with_will, "1014 00044d515454 04 0e 003c 000464657631 0000 0000"},
+      {k_mqtt5, with_will, "101b 00044d515454 05 0e 003c 05 2700020000 000464657631 00 0000 0000"},
+      {k_mqtt5, AdaptEverything,
+       "1051 00044d515454 05 fc 003c 1b 1100000005 21000a 2700020000 220003 1901 1700 26 00016b 000176"
+       "000464657631 16 1800000001 0101 0200000002 0300026374 0800027274 000177 0003780079 000175 000170"},
+  };
+  for (const auto& [protocol, adapt, hex] : cases) {
+    SCOPED_TRACE(hex);
+    Session session(protocol);
+    session.option.client_id = "dev1";
+    session.option.keep_alive = 60;
+    adapt(session.option);
+    ASSERT_EQ(session.Start(), kSuccess);
+    EXPECT_EQ(session.broker.Await(MsgType::CONNECT).hex(), Hex(Bytes(hex)));
+    EXPECT_EQ(session.option.maximum_packet_size, protocol == k_mqtt5 ? 131'072 : -1);
+  }
+}
+
+Request Publishes(const std::string& topic, const std::string& payload, uint8_t qos, bool flags = false) {
+  return [=](SelfMqttImpl& client) {
+    auto option = Message(topic, payload, qos);
+    option.retain = option.duplicated = flags;
+    return client.Publish(option);
+  };
+}
+Request Subscribes(const std::map<std::string, uint8_t>& topics, int32_t identifier = 0,
+                   const std::list<Pair>& properties = {}) {
+  return [=](SelfMqttImpl& client) {
+    MqttWrapper::SubscribeOption option{topics, identifier, properties};
+    const Result result = client.Subscribe(option, nullptr);
+    for (const auto& topic : option.topics) EXPECT_LE(topic.second, 2) << "left in the caller's map";
+    return result;
+  };
+}
+Request Unsubscribes(const std::list<std::string>& topics, const std::list<Pair>& properties = {}) {
+  return [=](SelfMqttImpl& client) {
+    MqttWrapper::UnsubscribeOption option{topics, properties};
+    return client.Unsubscribe(option, nullptr);
+  };
+}
+Request Stops(MqttWrapper::DisconnectOption option) {
+  return [option](SelfMqttImpl& client) mutable { return client.StopClient(&option); };
+}
+
+TEST(Wire, Requests) {
+  const std::tuple<int32_t, Request, MsgType, const char*> cases[] = {
+      {k_mqtt311, Publishes("a/b", "hi", 0), MsgType::PUBLISH, "3007 0003612f62 6869"},
+      {k_mqtt311, Publishes("a/b", "", 1), MsgType::PUBLISH, "3207 0003612f62 0001"},
+      {k_mqtt5, Publishes("a/b", "hi", 1), MsgType::PUBLISH, "320a 0003612f62 0001 00 6869"},
+      {k_mqtt311, Publishes("a/b", "hi", 2, true), MsgType::PUBLISH, "3d09 0003612f62 0001 6869"},
+      {k_mqtt311, Publishes("a/b", "hi", 5), MsgType::PUBREL, "6202 0001"},
+      {k_mqtt5, Publishes("a/b", "hi", 2), MsgType::PUBREL, "6204 0001 00 00"},
+      {k_mqtt311, Subscribes({{"b", 0}, {"a", 7}}), MsgType::SUBSCRIBE, "820a 0001 00016102 00016200"},
+      {k_mqtt311, Subscribes({}), MsgType::SUBSCRIBE, "8202 0001"},
+      {k_mqtt5, Subscribes({{"a", 1}}), MsgType::SUBSCRIBE, "8207 0001 00 00016101"},
+      {k_mqtt5, Subscribes({{"a", 1}}, 268'435'455, k_properties), MsgType::SUBSCRIBE,
+       "8213 0001 0c 0bffffff7f 26 00016b 000176 00016101"},
+      {k_mqtt311, Unsubscribes({"", "a"}), MsgType::UNSUBSCRIBE, "a207 0001 0000 000161"},
+      {k_mqtt5, Unsubscribes({}), MsgType::UNSUBSCRIBE, "a203 0001 00"},
+      {k_mqtt5, Unsubscribes({"a"}, k_properties), MsgType::UNSUBSCRIBE,
+       "a20d 0001 07 26 00016b 000176 000161"},
+      {k_mqtt311, Stops({4, 0, "s", "r", k_properties}), MsgType::DISCONNECT, "e000"},
+      {k_mqtt5, Stops({}), MsgType::DISCONNECT, "e000"},
+      {k_mqtt5, Stops({4, -1, "", "", {}}), MsgType::DISCONNECT, "e002 04 00"},
+      {k_mqtt5, Stops({0, 0, "", "", {}}), MsgType::DISCONNECT, "e007 00 05 1100000000"},
+      {k_mqtt5, Stops({0x9C, 1, "s", "r", k_properties}), MsgType::DISCONNECT,
+       "e016 9c 14 1100000001 1c000173 1f000172 26 00016b 000176"},
+  };
+  for (const auto& [protocol, request, type, hex] : cases) {
+    SCOPED_TRACE(hex);
+    Session session(protocol);
+    ASSERT_EQ(session.Start(), kSuccess);
+    EXPECT_EQ(request(session.client), kSuccess);
+    EXPECT_EQ(session.broker.Await(type).hex(), Hex(Bytes(hex)));
+  }
+}
+
+TEST(Wire, PacketIdentifiersWrapToOne) {
+  Session session;
+  ASSERT_EQ(session.Start(), kSuccess);
+  Peer::SetMessageId(session.client, 65'534);
+  for (int i = 0; i < 2; ++i) ASSERT_EQ(session.Publish(1), kSuccess);
+  EXPECT_EQ(Hex(session.broker.Await(MsgType::PUBLISH, 1).id()), "ffff");
+  EXPECT_EQ(Hex(session.broker.Await(MsgType::PUBLISH, 2).id()), "0001");
+}
+
+TEST(Wire, RequestsAreRefusedBeforeAnythingIsSent) {
+  const std::tuple<Request, Result, const char*> cases[] = {
+      {Publishes("", "hi", 1), kFailure, ""},
+      {Publishes("a", Long(100'001), 0), kInvalidArgument,
+       "max_publish buffer [100000] , requested buffer [100001]"},
+      {Publishes(Long(31'068), Long(100'000), 1), kInvalidArgument,
+       "k_max_tx_buf_ [131072] , requested buffer size [131073]"},
+      {Publishes(Long(65'536), "", 0), kInvalidArgument, ""},
+      {Subscribes({{"a", 1}}, 268'435'456), kFailure, "Invalid subscription_identifier [10000000]"},
+      {Subscribes({{"", 1}}), kInvalidArgument, "No topic name for subscription"},
+      {Subscribes({{Long(65'536), 1}}), kInvalidArgument, ""},
+      {Subscribes({{Long(60'000), 1}, {Long(60'001), 1}, {Long(60'002), 1}}), kInvalidArgument,
+       "max tx buf [131072] , requested size [180015]"},
+      {Subscribes({{"a", 1}}, 0, k_huge), kInvalidArgument, ""},
+      {Unsubscribes({Long(60'000), Long(60'000), Long(60'000)}), kInvalidArgument, ""},
+      {Unsubscribes({Long(65'536)}), kInvalidArgument, ""},
+      {Unsubscribes({"a"}, k_huge), kInvalidArgument, ""},
+      {[](SelfMqttImpl& client) {
+         MqttWrapper::DisconnectOption option{0, -1, "", Long(65'536), {}};
+         return client.Disconnect(&option);
+       },
+       kInvalidArgument, "DISCONNECTED send failed"},
+  };
+  Session session(k_mqtt5);
+  ASSERT_EQ(session.Start(), kSuccess);
+  for (const auto& [request, result, line] : cases) {
+    const LogCapture log;
+    EXPECT_EQ(request(session.client), result);
+    EXPECT_TRUE(*line == '\0' || log.Contains(line)) << line;
+    EXPECT_FALSE(log.Contains("Before send")) << line;
+  }
+  // The largest that are allowed still pass.
+  EXPECT_EQ(Publishes(Long(31'067), Long(100'000), 1)(session.client), kSuccess);
+  EXPECT_EQ(session.broker.Await(MsgType::PUBLISH).body().size(), 131'072U);
+  EXPECT_EQ(Publishes(Long(65'535), "hi", 0)(session.client), kSuccess);
+  EXPECT_TRUE(session.Healthy());
+  EXPECT_EQ(session.broker.Count(MsgType::SUBSCRIBE) + session.broker.Count(MsgType::UNSUBSCRIBE), 0U);
+}
+
+TEST(Wire, StartsAreRefusedBeforeConnectIsSent) {
+  const std::pair<Adapt, Result> cases[] = {
+      {[](auto& option) { option.client_id = ""; }, kInvalidArgument},
+      {[](auto& option) { option.client_id = Long(129); }, kInvalidArgument},
+      {[](auto& option) { option.protocol = 3; }, kFailure},
+      {[](auto& option) { option.password = Long(65'536); }, kFailure},
+      {[](auto& option) {
+         option.user_name = option.password = option.lwt.msg.payload = Long(65'500);
+         option.lwt.enable = true;
+       },
+       kFailure},
+      {[](auto& option) { option.user_property = k_huge; }, kFailure},
+  };
+  Session session(k_mqtt5);
+  const auto good = session.option;
+  for (const auto& [adapt, result] : cases) {
+    session.option = good;
+    adapt(session.option);
+    EXPECT_EQ(session.Start(), result);
+    EXPECT_NE(session.client.GetStatusInfo().status, 2);
+  }
+  session.option = good;
+  session.option.client_id = Long(128);
+  EXPECT_EQ(session.Start(), kSuccess);
+  EXPECT_EQ(session.broker.Count(MsgType::CONNECT), 1U);
+}
+
+TEST(Wire, AcknowledgementsCarryTheirUserProperties) {
+  using Setter = Result (SelfMqttImpl::*)(std::list<Pair>&);
+  const std::tuple<Setter, const char*, MsgType, const char*> cases[] = {
+      {&SelfMqttImpl::SetPubAckUserProperties, "3206 000161 0007 00", MsgType::PUBACK, "40"},
+      {&SelfMqttImpl::SetPubRecUserProperties, "3406 000161 0007 00", MsgType::PUBREC, "50"},
+      {&SelfMqttImpl::SetPubCompUserProperties, "3406 000161 0007 00", MsgType::PUBCOMP, "70"},
+  };
+  for (const auto& [setter, publish, type, first] : cases) {
+    SCOPED_TRACE(first);
+    Session session(k_mqtt5);
+    auto properties = k_properties;
+    EXPECT_EQ((session.client.*setter)(properties), kSuccess);
+    ASSERT_EQ(session.Start(), kSuccess);
+    session.Send(publish);
+    EXPECT_EQ(session.broker.Await(type).hex(), first + Hex(Bytes("0b 0007 00 07 26 00016b 000176")));
+    ASSERT_TRUE(session.Healthy());
+    // What does not fit is not sent at all.
+    for (const auto& unfit : {k_huge, std::list<Pair>{{"k", Long(65'536)}}}) {
+      properties = unfit;
+      EXPECT_EQ((session.client.*setter)(properties), kSuccess);
+      session.Send(publish);
+      EXPECT_TRUE(session.Healthy());
+      EXPECT_EQ(session.broker.Count(type), 1U);
+    }
+    // MQTT 3.1.1 has no properties: there they do no harm.
+    ASSERT_EQ(session.Stop(), kSuccess);
+    session.option.protocol = k_mqtt311;
+    ASSERT_EQ(session.Start(), kSuccess);
+    session.Send(publish);
+    EXPECT_EQ(session.broker.Await(type, 2).hex(), first + std::string("020007"));
+  }
+}
+
+}  // namespace
+}  // namespace zeb::test

@@ -1,0 +1,69 @@
+// What tests see and set inside a client. Stamps stand for time that has passed.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "mqtt/self_mqtt_impl.h"
+
+namespace zeb::mqtt {
+
+struct SelfMqttImplPeer {
+  static void SetOption(SelfMqttImpl& client, const MqttWrapper::ConnectOption& option) {
+    client.SetOptions(std::make_shared<const MqttWrapper::ConnectOption>(option));
+  }
+  static std::string Tag(const SelfMqttImpl& client) { return client.Tag(); }
+  static void SetTag(SelfMqttImpl& client, const std::string& tag) { client.SetTag(tag); }
+  static void SetMessageId(SelfMqttImpl& client, int32_t last) {
+    const util::MutexLock lock(client.message_id_mutex_);
+    client.message_id_ = last;
+  }
+  static void SetPingWait(SelfMqttImpl& client, bool wait) { client.ping_wait_ = wait; }
+  static void SetTimeout(SelfMqttImpl& client, int32_t seconds) { client.timeout_sec_ = seconds; }
+
+  /// Microseconds of CLOCK_BOOTTIME; 0: none.
+  static void SetStamps(SelfMqttImpl& client, int64_t ping_sent, int64_t pong_recv) {
+    const util::MutexLock lock(client.stamp_mutex_);
+    client.ping_sent_ = ping_sent;
+    client.pong_recv_ = pong_recv;
+  }
+  static int64_t PingSent(SelfMqttImpl& client) {
+    const util::MutexLock lock(client.stamp_mutex_);
+    return client.ping_sent_;
+  }
+  static int64_t PongReceived(SelfMqttImpl& client) {
+    const util::MutexLock lock(client.stamp_mutex_);
+    return client.pong_recv_;
+  }
+
+  static AckQueue& Queue(SelfMqttImpl& client) { return client.ack_event_q_; }
+  /// Copies of the queued events, oldest first.
+  static std::vector<AckEvent> QueuedEvents(SelfMqttImpl& client) {
+    const util::MutexLock lock(client.ack_event_q_.mutex_);
+    std::vector<AckEvent> events;
+    for (const auto& entry : client.ack_event_q_.ack_event_l_) events.push_back(entry.event);
+    return events;
+  }
+  /// Whether the receive thread is to go on.
+  static void SetKeepThread(SelfMqttImpl& client, bool keep) { client.keep_thread_ = keep; }
+  static bool KeepThread(const SelfMqttImpl& client) { return client.keep_thread_; }
+
+  struct DueRelease {
+    uint16_t message_id;
+    int64_t recv_time;  // microseconds of CLOCK_BOOTTIME
+  };
+  /// Inbound QoS 2 messages whose PUBREL is still due, oldest first. On the receive thread, or without one.
+  static std::vector<DueRelease> DueReleases(const SelfMqttImpl& client) {
+    std::vector<DueRelease> due;
+    for (const auto& kept : client.recv_publish_msg_l) due.push_back({kept.message_id, kept.recv_time});
+    return due;
+  }
+  static int SocketFd(const SelfMqttImpl& client) {
+    const auto socket = client.SharedSocket();
+    return socket != nullptr ? socket->GetFd() : -1;
+  }
+};
+
+}  // namespace zeb::mqtt

@@ -1,0 +1,217 @@
+// The broker's thread: one poll over the listener, the wake-up and all connections; nothing in it blocks.
+#include "tests/support/scripted_broker.h"
+
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <array>
+
+namespace zeb::test {
+namespace {
+
+uint8_t Byte(const std::string& text, size_t at) { return static_cast<uint8_t>(text[at]); }
+
+sockaddr_in Loopback(int port) {
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  address.sin_port = htons(static_cast<uint16_t>(port));
+  return address;
+}
+
+// Takes the packet at the front of `in`, if it is there whole.
+bool TakePacket(std::string& in, Packet* packet) {
+  size_t length = 0;
+  size_t at = 1;
+  for (bool more = true; more; ++at) {
+    if (at >= in.size()) return false;
+    length |= static_cast<size_t>(Byte(in, at) & 0x7F) << 7 * (at - 1);
+    more = (Byte(in, at) & 0x80) != 0 && at < 4;
+  }
+  if (in.size() < at + length) return false;
+  *packet = {in.substr(0, at + length), at};
+  in.erase(0, at + length);
+  return true;
+}
+
+}  // namespace
+
+std::string Bytes(std::string hex) {
+  hex.erase(std::remove(hex.begin(), hex.end(), ' '), hex.end());
+  std::string bytes;
+  for (size_t i = 0; i < hex.size(); i += 2)
+    bytes += static_cast<char>(std::stoi(hex.substr(i, 2), nullptr, 16));
+  return bytes;
+}
+
+std::string Hex(const std::string& bytes) {
+  std::string hex;
+  for (size_t i = 0; i < 2 * bytes.size(); ++i)
+    hex += "0123456789abcdef"[Byte(bytes, i / 2) >> (i % 2 == 0 ? 4 : 0) & 15];
+  return hex;
+}
+
+util::ScopedFd ConnectToLoopback(int port) {
+  util::ScopedFd fd(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  const sockaddr_in address = Loopback(port);
+  if (::connect(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) fd.Reset();
+  return fd;
+}
+
+std::string Packet::id() const {
+  if (type() != MsgType::PUBLISH) return type() == MsgType::CONNECT ? "" : body().substr(0, 2);
+  return body().substr(2 + static_cast<size_t>(Byte(body(), 0) << 8 | Byte(body(), 1)), 2);
+}
+
+void Connection::Send(const std::string& bytes) {
+  broker_.Change([&] { out_ += bytes; });
+}
+void Connection::Close(bool at_once) {
+  broker_.Change([=] { (at_once ? resetting_ : closing_) = true; });
+}
+void Connection::StopReading() {
+  broker_.Change([this] { reading_ = false; });
+}
+
+void ScriptedBroker::Answer(Connection& connection, const Packet& packet) {
+  // Before and behind the packet identifier, in MQTT 3.1.1 and 5.0.
+  static const std::map<MsgType, std::array<const char*, 4>> answers = {
+      {MsgType::CONNECT, {"20020000", "", "2003000000", ""}},
+      {MsgType::PUBREC, {"6202", "", "6202", ""}},
+      {MsgType::PUBREL, {"7002", "", "7002", ""}},
+      {MsgType::SUBSCRIBE, {"9003", "01", "9004", "0001"}},
+      {MsgType::UNSUBSCRIBE, {"b002", "", "b004", "0011"}},
+      {MsgType::PINGREQ, {"d000", "", "d000", ""}},
+  };
+  if (packet.type() == MsgType::DISCONNECT) return connection.Close();
+  if (packet.qos() != 0 && packet.type() == MsgType::PUBLISH)
+    return connection.Send(Bytes(packet.qos() == 1 ? "4002" : "5002") + packet.id());
+  const auto own = answers.find(packet.type());
+  if (own == answers.end()) return;
+  const size_t version = connection.mqtt5_ ? 2 : 0;
+  connection.Send(Bytes(own->second[version]) + packet.id() + Bytes(own->second[version + 1]));
+}
+
+ScriptedBroker::ScriptedBroker(std::map<MsgType, Handler> handlers)
+    : handlers_(std::move(handlers)),
+      listener_(::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)),
+      wake_(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {
+  sockaddr_in address = Loopback(0);
+  socklen_t length = sizeof address;
+  auto* const generic = reinterpret_cast<sockaddr*>(&address);
+  if (::bind(listener_.get(), generic, length) == 0 && ::listen(listener_.get(), SOMAXCONN) == 0 &&
+      ::getsockname(listener_.get(), generic, &length) == 0) {
+    port_ = ntohs(address.sin_port);
+  }
+  thread_ = std::thread([this] { Run(); });
+}
+
+ScriptedBroker::~ScriptedBroker() {
+  Change([this] { stop_ = true; });
+  thread_.join();
+}
+
+std::vector<Packet> ScriptedBroker::Received(MsgType type) {
+  std::vector<Packet> found;
+  const std::lock_guard<std::mutex> lock(mutex_);
+  std::copy_if(packets_.begin(), packets_.end(), std::back_inserter(found),
+               [type](const Packet& packet) { return packet.type() == type; });
+  return found;
+}
+
+Packet ScriptedBroker::Await(MsgType type, size_t nth) {
+  Packet found;
+  size_t looked_at = 0;
+  std::unique_lock<std::mutex> lock(mutex_);
+  changed_.wait_for(lock, k_deadline, [&] {
+    for (; nth > 0 && looked_at < packets_.size(); ++looked_at)
+      if (packets_[looked_at].type() == type && --nth == 0) found = packets_[looked_at];
+    return nth == 0;
+  });
+  return found;
+}
+
+bool ScriptedBroker::AwaitClosed() {
+  std::unique_lock<std::mutex> lock(mutex_);
+  return changed_.wait_for(lock, k_deadline, [&] { return !connections_.back()->fd_.valid(); });
+}
+
+void ScriptedBroker::Change(const std::function<void()>& change) {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  change();
+  (void)::eventfd_write(wake_.get(), 1);
+}
+
+void ScriptedBroker::Run() {
+  for (;;) {
+    std::vector<pollfd> polled = {{listener_.get(), POLLIN, 0}, {wake_.get(), POLLIN, 0}};
+    {
+      const std::lock_guard<std::mutex> lock(mutex_);
+      if (stop_) return;
+      for (const auto& connection : connections_) {
+        Write(*connection);
+        const int events = (connection->reading_ ? POLLIN : 0) | (connection->out_.empty() ? 0 : POLLOUT);
+        polled.push_back({events != 0 ? connection->fd_.get() : -1, static_cast<short>(events), 0});
+      }
+    }
+    ::poll(polled.data(), polled.size(), -1);
+    eventfd_t count = 0;
+    (void)::eventfd_read(wake_.get(), &count);
+    for (size_t i = 2; i < polled.size(); ++i)
+      if ((polled[i].revents & (POLLIN | POLLHUP | POLLERR)) != 0) Read(*connections_[i - 2]);
+    if (polled[0].revents != 0) Accept();
+  }
+}
+
+void ScriptedBroker::Accept() {
+  util::ScopedFd fd(::accept4(listener_.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
+  if (!fd.valid()) return;
+  const int on = 1;
+  ::setsockopt(fd.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+  const std::lock_guard<std::mutex> lock(mutex_);
+  connections_.emplace_back(new Connection(*this));
+  connections_.back()->fd_ = std::move(fd);
+}
+
+void ScriptedBroker::Read(Connection& connection) {
+  std::string bytes(65'536, '\0');
+  const ssize_t count = ::recv(connection.fd_.get(), bytes.data(), bytes.size(), 0);
+  if (count < 0 && (errno == EAGAIN || errno == EINTR)) return;
+  std::unique_lock<std::mutex> lock(mutex_);
+  changed_.notify_all();
+  if (count <= 0) return connection.fd_.Reset();
+  connection.in_.append(bytes, 0, static_cast<size_t>(count));
+  for (Packet packet; TakePacket(connection.in_, &packet); lock.lock()) {
+    if (packet.type() == MsgType::CONNECT) connection.mqtt5_ = packet.body().substr(6, 1) == "\x05";
+    packets_.push_back(packet);
+    changed_.notify_all();
+    lock.unlock();
+    const auto own = handlers_.find(packet.type());
+    own != handlers_.end() ? own->second(connection, packet) : Answer(connection, packet);
+  }
+}
+
+void ScriptedBroker::Write(Connection& connection) {
+  const int fd = connection.fd_.get();
+  std::string& out = connection.out_;
+  if (!out.empty()) {
+    const ssize_t sent = ::send(fd, out.data(), out.size(), MSG_NOSIGNAL);
+    if (sent >= 0) out.erase(0, static_cast<size_t>(sent));
+    if (sent < 0 && errno != EAGAIN) out.clear();
+  }
+  if (connection.resetting_) {
+    const linger at_once{1, 0};
+    ::setsockopt(fd, SOL_SOCKET, SO_LINGER, &at_once, sizeof at_once);
+    out.clear();
+  }
+  if (out.empty() && (connection.closing_ || connection.resetting_)) {
+    connection.fd_.Reset();
+    changed_.notify_all();
+  }
+}
+
+}  // namespace zeb::test

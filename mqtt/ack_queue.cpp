@@ -122,7 +122,10 @@ AckQueue::Look AckQueue::Judge(Waiter& waiter, Entries::iterator entry, AckEvent
                    : AwaitedByAnother(waiter, event) ? Verdict::kOthers
                                                      : Verdict::kDropped;
   } else {
-    look.verdict = event.type == MsgType::RESERVED ? Verdict::kEnd : Verdict::kForeign;
+    // A start that waits for CONNACK has the first claim on the end: it must fail at once.
+    const bool ended = event.type == MsgType::RESERVED &&
+                       (waiter.awaited_ == MsgType::CONNACK || !TypeIsAwaited(MsgType::CONNACK));
+    look.verdict = ended ? Verdict::kEnd : Verdict::kForeign;
   }
   const bool stays = look.verdict == Verdict::kOthers || look.verdict == Verdict::kForeign;
   if (look.verdict == Verdict::kMatch) out = std::move(event);
@@ -151,6 +154,11 @@ void AckQueue::AwaitNews(uint64_t* seen, int64_t timeout_us) {
 uint64_t AckQueue::News() {
   const util::MutexLock lock(mutex_);
   return last_awaitable_;
+}
+
+uint64_t AckQueue::Session() {
+  const util::MutexLock lock(mutex_);
+  return session_;
 }
 
 void AckQueue::Clear() {

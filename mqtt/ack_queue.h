@@ -79,6 +79,8 @@ class AckQueue {
   void AwaitNews(uint64_t* seen, int64_t timeout_us);
   /// Number of the newest event that a request could wait for.
   uint64_t News();
+  /// Changes with every Clear.
+  uint64_t Session();
 
   /// Forgets every event and begins a new session: for requests of earlier ones, whose identifiers the new
   /// session gives out again, there is only the end.

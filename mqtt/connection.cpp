@@ -71,9 +71,15 @@ bool SelfMqttImpl::ClaimStart(int64_t deadline_us) {
   return true;
 }
 
+// The running start's outcome is decided; without one there is nothing to tell.
 void SelfMqttImpl::LeaveStart() {
   const util::MutexLock lock(stop_mutex_);
-  starting_ = StartState::kLeaving;
+  if (starting_ == StartState::kRunning) starting_ = StartState::kLeaving;
+}
+
+void SelfMqttImpl::WaitForStart() {
+  const util::MutexLock lock(stop_mutex_);
+  while (starting_ != StartState::kNone) stop_cond_.Wait(stop_mutex_);
 }
 
 void SelfMqttImpl::EndStart() {
@@ -90,14 +96,15 @@ Result SelfMqttImpl::Establish(ConnectOption& option, ConnectAck* ack) {
   if (address.empty()) return kInvalidArgument;
   const std::string path = address + ";" + std::to_string(option.port);
   CLIENT_LOG_AS(kStartClient, LOG_DEBUG, "path %s tls %d", path.c_str(), option.tls ? 1 : 0);
-  if (const Result result = PrepareTls(option); result != kSuccess) return result;
+  std::shared_ptr<util::SslWrapper> ssl;
+  if (const Result result = PrepareTls(option, ssl); result != kSuccess) return result;
 
   timeout_sec_ = std::clamp(option.timeout, -1, k_max_timeout);
   timeout_us_ = timeout_sec_ * kUsPerSecond;
   keep_alive_ = option.keep_alive;
   keep_alive_us_ = keep_alive_ * kUsPerSecond;
   CLIENT_LOG_AS(kStartClient, LOG_DEBUG, "before connect mqtt client");
-  if (const Result result = OpenSession(option, path, domain); result != kSuccess) return result;
+  if (const Result result = OpenSession(option, path, domain, ssl); result != kSuccess) return result;
 
   ConnectAck unused;
   try {
@@ -153,17 +160,14 @@ Result SelfMqttImpl::ChooseResolved(const ConnectOption& option, std::string& ad
   return kNoAddress;
 }
 
-Result SelfMqttImpl::PrepareTls(const ConnectOption& option) {
-  std::shared_ptr<util::SslWrapper> ssl;
-  if (option.tls) ssl = std::make_shared<util::SslWrapper>(false, option.ssl_method);
-  {
-    util::MutexLock lock(socket_mutex_);
-    const std::shared_ptr<util::SslWrapper> earlier = std::exchange(ssl_wrapper_, ssl);
-    lock.Unlock();
-  }
-  if (ssl == nullptr) return kSuccess;
-  if (!option.cipher_lists.empty())
+// The context travels with the start, not through the member: a stop that overlaps must not take it away and
+// so turn the connection into a plain one.
+Result SelfMqttImpl::PrepareTls(const ConnectOption& option, std::shared_ptr<util::SslWrapper>& ssl) const {
+  if (!option.tls) return kSuccess;
+  ssl = std::make_shared<util::SslWrapper>(false, option.ssl_method);
+  if (!option.cipher_lists.empty()) {
     (void)ssl->SetCipherLists(option.cipher_lists);  // a refusal fails the connect
+  }
   if (!option.ca_file.empty()) {
     CLIENT_LOG_AS(kStartClient, LOG_DEBUG, "ca_file %s root_ca_file_type [%d]", option.ca_file.c_str(),
                   static_cast<int>(option.root_ca_file_type));
@@ -180,13 +184,11 @@ Result SelfMqttImpl::PrepareTls(const ConnectOption& option) {
 }
 
 // Connecting may take the whole time-out, so it is done before any lock is taken.
-std::shared_ptr<util::SocketClient> SelfMqttImpl::OpenSocket(const ConnectOption& option,
-                                                             const std::string& path, Domain domain) const {
+std::shared_ptr<util::SocketClient> SelfMqttImpl::OpenSocket(
+    const ConnectOption& option, const std::string& path, Domain domain,
+    const std::shared_ptr<util::SslWrapper>& ssl) const {
   util::SocketClient::SocketClientOption settings;
-  {
-    const util::MutexLock lock(socket_mutex_);
-    settings.ssl = ssl_wrapper_;
-  }
+  settings.ssl = ssl;
   settings.timeout_us = static_cast<int32_t>(std::max<int64_t>(timeout_us_, 0));
   settings.tx_buf_size = k_max_tx_buf_;
   settings.rx_buf_size = k_max_rx_buf_;
@@ -197,28 +199,34 @@ std::shared_ptr<util::SocketClient> SelfMqttImpl::OpenSocket(const ConnectOption
   return socket;
 }
 
-void SelfMqttImpl::ReplaceSocket(const std::shared_ptr<util::SocketClient>& socket) {
+void SelfMqttImpl::ReplaceConnection(const std::shared_ptr<util::SocketClient>& socket,
+                                     const std::shared_ptr<util::SslWrapper>& ssl) {
   {
     const util::MutexLock lock(send_mutex_);
-    connect_sent_ = false;
+    connect_state_ = ConnectState::kUnsent;
   }
   util::MutexLock lock(socket_mutex_);
+  const std::shared_ptr<util::SslWrapper> earlier_ssl = std::exchange(ssl_wrapper_, ssl);
   const std::shared_ptr<util::SocketClient> earlier = std::exchange(socket_client_, socket);
-  lock.Unlock();  // the earlier one is freed without it
+  lock.Unlock();  // the earlier ones are freed without it
 }
 
 // Socket and receive thread come into being under one lock, so that a stop meets both or neither.
-Result SelfMqttImpl::OpenSession(const ConnectOption& option, const std::string& path, Domain domain) {
-  const std::shared_ptr<util::SocketClient> socket = OpenSocket(option, path, domain);
+Result SelfMqttImpl::OpenSession(const ConnectOption& option, const std::string& path, Domain domain,
+                                 const std::shared_ptr<util::SslWrapper>& ssl) {
+  const std::shared_ptr<util::SocketClient> socket = OpenSocket(option, path, domain, ssl);
   if (!socket->IsConnected()) {
-    ReplaceSocket(socket);
+    ReplaceConnection(socket, ssl);
     CLIENT_LOG_AS(kStartClient, LOG_ERR, "Cannot connect to %s", path.c_str());
     return kInvalidArgument;
   }
-  // Before the receive thread exists: it must not reach an earlier session's callbacks.
+  // Before the receive thread exists: it must not reach an earlier session's callbacks, nor its requests this
+  // one's acknowledgements.
   SetOptions(std::make_shared<const ConnectOption>(option));
+  ack_event_q_.Clear();
   const util::MutexLock lock(thread_mutex_);
-  ReplaceSocket(socket);
+  SetTag(option.client_id);  // a stop that came in between has cleared it
+  ReplaceConnection(socket, ssl);
   status_ = kSocketConnected;
   const Result result = StartRecvThreadLocked();
   if (result != kSuccess) CLIENT_LOG_AS(kStartClient, LOG_ERR, "StartRecvThread returns %d", result);

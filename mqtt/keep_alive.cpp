@@ -1,10 +1,13 @@
 // PINGREQ out, PINGRESP in, and the judgement whether the answer came in time. Ping runs on any thread, Pong
 // and RecordPong on the receive thread.
+#include <poll.h>
+
 #include <algorithm>
 
 #include "mqtt/client_log.h"
 #include "mqtt/self_mqtt_impl.h"
 #include "util/boot_clock.h"
+#include "util/scope_exit.h"
 
 namespace zeb::mqtt {
 namespace {
@@ -15,7 +18,8 @@ constexpr char kPong[] = "zeb::Result zeb::mqtt::SelfMqttImpl::Pong()";
 }  // namespace
 
 Result SelfMqttImpl::Ping(bool wait) {
-  const util::MutexLock lock(ping_mutex_);
+  if (!LockPing()) return kTimeout;
+  const util::ScopeExit unlock([this] { ping_mutex_.Unlock(); });
   const bool judged_here = wait && !OnReceiveThread();
   const uint64_t session = BeginPing(judged_here);
   ping_wait_ = wait;
@@ -33,6 +37,21 @@ Result SelfMqttImpl::Ping(bool wait) {
     ping_wait_ = false;  // nobody waits on this thread: Pong judges the answer
   }
   return result;
+}
+
+// Another thread's Ping that waits holds the receive thread up until it ends; only the end of the session
+// gets in between. False: the session ends.
+bool SelfMqttImpl::LockPing() {
+  if (!OnReceiveThread()) {
+    ping_mutex_.Lock();
+    return true;
+  }
+  constexpr int k_look_ms = 100;
+  while (!ping_mutex_.TryLock()) {
+    pollfd control{event_fd_, POLLIN, 0};
+    if (::poll(&control, 1, k_look_ms) > 0) return false;
+  }
+  return true;
 }
 
 Result SelfMqttImpl::Pong() {
@@ -73,6 +92,7 @@ Result SelfMqttImpl::JudgeAnswer() {
 uint64_t SelfMqttImpl::BeginPing(bool waited_for) {
   const util::MutexLock lock(stamp_mutex_);
   ping_waited_for_ = waited_for;
+  ping_session_ = stamp_session_;
   return stamp_session_;
 }
 
@@ -88,13 +108,16 @@ void SelfMqttImpl::ResetStamps() {
 }
 
 // A PINGREQ is about to be written. An answer to the one before that no Pong has judged yet is judged now:
-// the new stamp would make it look older than its own ping.
-void SelfMqttImpl::RecordPing() {
+// the new stamp would make it look older than its own ping. False: the client was restarted since Ping began,
+// and the PINGREQ must not go out in a session that does not know of it.
+bool SelfMqttImpl::RecordPing() {
   const util::MutexLock lock(stamp_mutex_);
+  if (ping_session_ != stamp_session_) return false;
   if (ping_sent_ != 0 && ping_sent_ < pong_recv_ && JudgeAnswer() != kSuccess) pong_was_late_ = true;
   ping_sent_ = util::BootTimeUs();
   ping_gave_up_ = false;
   ++pings_unanswered_;
+  return true;
 }
 
 // A PINGRESP came in. When two pings overlap, the first answer settles both; the second one, still owed by

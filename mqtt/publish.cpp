@@ -59,9 +59,12 @@ Result SelfMqttImpl::Publish(MqttWrapper::PublishOption& option) {
   }
   CLIENT_LOG(LOG_DEBUG, "topic [%s] qos %d retain %d duplicated %d message_id [%d]", option.topic.c_str(),
              option.qos, option.retain ? 1 : 0, option.duplicated ? 1 : 0, message_id);
+  const uint64_t session = ack_event_q_.Session();
   const Result result = SendAndWait(body.end(), body.begin(), MsgType::PUBLISH, option.retain, option.qos,
                                     option.duplicated, message_id, nullptr, &body_lock);
   if (result != kSuccess || option.qos != 2) return result;
+  if (ack_event_q_.Session() != session)
+    return kFailure;  // stopped and restarted: another session's identifier
   std::list<PairedString> no_property;
   return PublishResponse(MsgType::PUBREL, static_cast<uint16_t>(message_id), 0, no_property);
 }

@@ -24,17 +24,16 @@ void SelfMqttImpl::ReceiveAvailable(RecvLoop& loop) {
   const size_t room = full ? skipped.size() : static_cast<size_t>(k_max_rx_buf_ - left_buf_size_);
   const ssize_t received = loop.socket->Recv(target, room);
   if (received == util::SocketClient::k_nothing_now) return;
-  if (received <= 0 && stop_requested_) {  // the stop itself shuts the socket down
-    keep_thread_ = false;
-    return;
-  }
   if (received < 0) {
-    EndSession(kNetworkFailure);
+    if (StopOnItsWay()) {
+      keep_thread_ = false;  // brokers reset as well as close after DISCONNECT
+    } else {
+      EndSession(kNetworkFailure);
+    }
     return;
   }
   if (received == 0) {
-    const util::MutexLock lock(send_mutex_);
-    if (!disconnect_called_) {
+    if (!StopOnItsWay()) {
       CLIENT_LOG_AS(kRecvThread, LOG_DEBUG, "Wrong syntax or disallowed operation may cause this problem");
       dis_reason_ = kPeerClosed;
     }

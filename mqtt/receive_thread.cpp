@@ -196,6 +196,12 @@ void SelfMqttImpl::EndSession(int32_t dis_reason) {
   dis_reason_ = dis_reason;
 }
 
+// Whether the application is ending the session: then nothing that goes wrong is a reason to report.
+bool SelfMqttImpl::StopOnItsWay() {
+  const util::MutexLock lock(send_mutex_);
+  return stop_requested_ || disconnect_called_;
+}
+
 void SelfMqttImpl::RunRecvLoop(RecvLoop& loop) {
   while (keep_thread_) {
     if (!PassRecvLoop(loop)) return;
@@ -318,7 +324,7 @@ bool SelfMqttImpl::HandleTimer(const RecvLoop& loop) {
   uint64_t expiries = 0;
   // A re-arm after the expiry was reported takes it back: something was sent, no ping is due.
   if (::read(loop.timer.get(), &expiries, sizeof expiries) < 0) return true;
-  if (Ping(false) != kFailure) return true;
+  if (Ping(false) != kFailure || StopOnItsWay()) return true;
   CLIENT_LOG_AS(kRecvThread, LOG_ERR, "Cannot send PINGREQ");
   EndSession(kKeepAliveFailure);
   return false;
@@ -343,6 +349,7 @@ void SelfMqttImpl::EndRecvThread(RecvLoop& loop) {
   recv_send_stalled_ = false;
   status_ = kDisconnected;
 
+  LeaveStart();  // a start that waits for CONNACK has lost its thread
   // From here on the thread works on copies: once it has given its handle up, the client may be gone.
   receiving_for = nullptr;
   const std::shared_ptr<const ConnectOption> option = Options();

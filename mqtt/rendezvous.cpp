@@ -85,8 +85,11 @@ Result SelfMqttImpl::CheckSendable(const util::SocketClient* socket, MsgType typ
     CLIENT_LOG_AS(kSendAndWait, LOG_ERR, "Disconnect already called");
     return kFailure;
   }
-  // Other threads' requests may meet a start: nothing may go out before CONNECT (MQTT 5.0, 3.1).
-  if (!connect_sent_ && type != MsgType::CONNECT) {
+  // Other threads' requests may meet a start: nothing may go out before CONNECT (MQTT 5.0, 3.1). While its
+  // write is still to return, what the receive thread answers proves that it has left.
+  const bool connect_left = connect_state_ == ConnectState::kSent ||
+                            (connect_state_ == ConnectState::kWriting && OnReceiveThread());
+  if (!connect_left && type != MsgType::CONNECT) {
     CLIENT_LOG_AS(kSendAndWait, LOG_ERR, "CONNECT is not sent yet");
     return kFailure;
   }
@@ -116,15 +119,16 @@ MsgType SelfMqttImpl::AwaitedType(MsgType type, uint8_t qos) const {
 Result SelfMqttImpl::WritePacket(util::SocketClient& socket, const uint8_t* packet, int size,
                                  int remaining_length, MsgType type, int64_t* start_us) {
   // Both are on record before the write, even if that fails: an answer may come before the write returns.
-  if (type == MsgType::PINGREQ && SharedSocket().get() == &socket) RecordPing();
-  if (type == MsgType::DISCONNECT) {
+  if (type == MsgType::PINGREQ && !RecordPing()) return kFailure;
+  if (type == MsgType::DISCONNECT || type == MsgType::CONNECT) {
     const util::MutexLock lock(send_mutex_);
-    disconnect_called_ = true;
+    if (type == MsgType::DISCONNECT) disconnect_called_ = true;
+    if (type == MsgType::CONNECT) connect_state_ = ConnectState::kWriting;
   }
   *start_us = util::BootTimeUs();
   CLIENT_LOG_AS(kSendAndWait, LOG_DEBUG, "Before send %s message size [%d] p_len [%d]", NameOf(type).c_str(),
                 size, remaining_length);
-  const ssize_t sent = SendPacket(socket, packet, static_cast<size_t>(size));
+  const ssize_t sent = SendPacket(socket, packet, static_cast<size_t>(size), type == MsgType::DISCONNECT);
   if (sent != size) {
     CLIENT_LOG_AS(kSendAndWait, LOG_ERR, "Cannot send data requested [%d] sent [%zd]", size, sent);
     return kSendFailed;
@@ -132,20 +136,20 @@ Result SelfMqttImpl::WritePacket(util::SocketClient& socket, const uint8_t* pack
   last_sent_ = util::BootTimeUs();
   if (type == MsgType::CONNECT) {
     const util::MutexLock lock(send_mutex_);
-    connect_sent_ = true;
+    connect_state_ = ConnectState::kSent;
   }
   return kSuccess;
 }
 
 // A broker that sends but does not read must not hold the receive thread for one time-out a packet: after the
 // first one it sends only what the socket takes at once, until that works again.
-ssize_t SelfMqttImpl::SendPacket(util::SocketClient& socket, const uint8_t* packet, size_t size) {
-  if (!OnReceiveThread()) return socket.Send(packet, size);
+ssize_t SelfMqttImpl::SendPacket(util::SocketClient& socket, const uint8_t* packet, size_t size, bool last) {
+  if (!OnReceiveThread()) return socket.Send(packet, size, last);
   if (recv_send_stalled_) {
     pollfd writable{socket.GetFd(), POLLOUT, 0};
     if (::poll(&writable, 1, 0) <= 0) return -1;
   }
-  const ssize_t sent = socket.Send(packet, size);
+  const ssize_t sent = socket.Send(packet, size, last);
   recv_send_stalled_ = sent != static_cast<ssize_t>(size);
   return sent;
 }

@@ -157,7 +157,7 @@ class SelfMqttImpl {
 
   // ---- rendezvous.cpp
   Result CheckSendable(const util::SocketClient* socket, MsgType type);
-  ssize_t SendPacket(util::SocketClient& socket, const uint8_t* packet, size_t size);
+  ssize_t SendPacket(util::SocketClient& socket, const uint8_t* packet, size_t size, bool last);
   Result WritePacket(util::SocketClient& socket, const uint8_t* packet, int size, int remaining_length,
                      MsgType type, int64_t* start_us);
   enum class QueueLook { kEmpty, kUnsent, kFailed };
@@ -175,16 +175,20 @@ class SelfMqttImpl {
   bool BeginStart(const ConnectOption& option);
   bool ClaimStart(int64_t deadline_us);
   void LeaveStart();
+  void WaitForStart();
   void EndStart();
   void ResetSession();
   Result ChooseAddress(const ConnectOption& option, std::string& address, util::Socket::Domain& domain) const;
   Result ChooseResolved(const ConnectOption& option, std::string& address,
                         util::Socket::Domain& domain) const;
-  Result PrepareTls(const ConnectOption& option);
+  Result PrepareTls(const ConnectOption& option, std::shared_ptr<util::SslWrapper>& ssl) const;
   std::shared_ptr<util::SocketClient> OpenSocket(const ConnectOption& option, const std::string& path,
-                                                 util::Socket::Domain domain) const;
-  void ReplaceSocket(const std::shared_ptr<util::SocketClient>& socket);
-  Result OpenSession(const ConnectOption& option, const std::string& path, util::Socket::Domain domain);
+                                                 util::Socket::Domain domain,
+                                                 const std::shared_ptr<util::SslWrapper>& ssl) const;
+  void ReplaceConnection(const std::shared_ptr<util::SocketClient>& socket,
+                         const std::shared_ptr<util::SslWrapper>& ssl);
+  Result OpenSession(const ConnectOption& option, const std::string& path, util::Socket::Domain domain,
+                     const std::shared_ptr<util::SslWrapper>& ssl);
   Result Establish(ConnectOption& option, ConnectAck* ack);
   void TearDown();
   Result ExchangeConnect(ConnectOption& option, ConnectAck& ack);
@@ -226,6 +230,7 @@ class SelfMqttImpl {
   void EndRecvThread(RecvLoop& loop);
   void AwaitThreadEnd();
   void EndSession(int32_t dis_reason);
+  bool StopOnItsWay();
   bool OnReceiveThread() const;
   bool WriteControl(const char (&message)[9]) const;
 
@@ -238,7 +243,8 @@ class SelfMqttImpl {
   // ---- keep_alive.cpp
   uint64_t BeginPing(bool waited_for);
   void ResetStamps();
-  void RecordPing();
+  bool RecordPing();
+  bool LockPing();
   void RecordPong();
   Result JudgeAnswer();
 
@@ -283,9 +289,10 @@ class SelfMqttImpl {
   int32_t message_id_ = 0;               // message_id_mutex_: the identifier handed out last
   bool stop_calling_ = false;            // stop_mutex_: a stop is running
   bool disconnect_called_ = false;       // send_mutex_: DISCONNECT went out
-  bool connect_sent_ = false;            // send_mutex_: CONNECT went out on the current socket
-  std::string wake_lock_name_;           // set once
-  std::string tag_;                      // option_mutex_
+  enum class ConnectState { kUnsent, kWriting, kSent };
+  ConnectState connect_state_ = ConnectState::kUnsent;  // send_mutex_: CONNECT on the current socket
+  std::string wake_lock_name_;                          // set once
+  std::string tag_;                                     // option_mutex_
   MqttWrapper* const wrapper_;
   std::shared_ptr<const ConnectOption> option_;  // option_mutex_: replaced whole, read as a snapshot
   std::atomic<int32_t> status_{kIdle};
@@ -302,6 +309,7 @@ class SelfMqttImpl {
   util::Mutex tx_mutex_;              // tx_buf_, from building a body to SendAndWait's copy of it
   util::Mutex stamp_mutex_;           // ping_sent_, pong_recv_ and the three below, as one snapshot
   uint64_t stamp_session_ = 0;        // counts the starts: which session the stamps belong to
+  uint64_t ping_session_ = 0;         // the session that the running Ping began in
   int32_t pings_unanswered_ = 0;      // PINGREQs whose PINGRESP the broker still owes
   bool ping_waited_for_ = false;      // a Ping waits for the last PINGREQ's answer and reports it missing
   bool ping_gave_up_ = false;         // the last PINGREQ's waiter left before its answer

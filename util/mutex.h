@@ -14,6 +14,8 @@ class Mutex {
   Mutex& operator=(const Mutex&) = delete;
 
   void Lock() { ::pthread_mutex_lock(&mutex_); }
+  /// Whether the mutex was free, and is locked now.
+  bool TryLock() { return ::pthread_mutex_trylock(&mutex_) == 0; }
   void Unlock() { ::pthread_mutex_unlock(&mutex_); }
 
  private:

@@ -68,8 +68,9 @@ class SocketClient : public Socket {
 
   /// Writes all `length` bytes as one unit, or gives up at the option's time-out. Returns the bytes
   /// written, or -1 when not even one was. Two threads' units never interleave. Once a unit was cut short
-  /// nothing more is ever sent: half a packet must not be followed by another. Never raises SIGPIPE.
-  ssize_t Send(const void* data, size_t length);
+  /// nothing more is ever sent: half a packet must not be followed by another. Nor after a unit that was sent
+  /// as the `last`. Never raises SIGPIPE.
+  ssize_t Send(const void* data, size_t length, bool last = false);
 
   /// Takes what has arrived, at most `length` bytes, without waiting: the count; 0 when the peer closed the
   /// connection; `k_nothing_now`; -1 on an error.

@@ -139,12 +139,12 @@ SocketClient::~SocketClient() { Shutdown(); }
 
 bool SocketClient::IsConnected() const { return state_->connected; }
 
-ssize_t SocketClient::Send(const void* data, size_t length) {
+ssize_t SocketClient::Send(const void* data, size_t length, bool last) {
   const Deadline deadline(state_->option.timeout_us);
   if (!state_->connected || !state_->turn.Take(deadline)) return -1;
   bool cut_short = false;
   const ssize_t sent = state_->WriteUnit(static_cast<const char*>(data), length, deadline, &cut_short);
-  state_->turn.Give(cut_short);
+  state_->turn.Give(cut_short || last);
   return sent;
 }
 

@@ -1,8 +1,6 @@
 # zeb_enable_warnings(TARGET): the warnings that every line of this repository is built with.
 function(zeb_enable_warnings target)
   target_compile_options(${target} PRIVATE -Wall -Wextra -Wshadow -Wconversion -Wformat=2)
-  # Clang counts changes of sign as conversions, GCC does not: one meaning for both.
-  target_compile_options(${target} PRIVATE $<$<CXX_COMPILER_ID:Clang>:-Wno-sign-conversion>)
   # The sanitizers' own code misleads this warning; the other builds keep it.
   if(ZEB_SANITIZE)
     target_compile_options(${target} PRIVATE $<$<CXX_COMPILER_ID:GNU>:-Wno-maybe-uninitialized>)

@@ -59,18 +59,18 @@ Result SelfMqttImpl::Publish(MqttWrapper::PublishOption& option) {
   }
   CLIENT_LOG(LOG_DEBUG, "topic [%s] qos %d retain %d duplicated %d message_id [%d]", option.topic.c_str(),
              option.qos, option.retain ? 1 : 0, option.duplicated ? 1 : 0, message_id);
+  // A restart in the middle of the handshake must not see PUBREL: the identifier is another session's by
+  // then.
   const uint64_t session = ack_event_q_.Session();
   const Result result = SendAndWait(body.end(), body.begin(), MsgType::PUBLISH, option.retain, option.qos,
-                                    option.duplicated, message_id, nullptr, &body_lock);
+                                    option.duplicated, message_id, nullptr, &body_lock, session);
   if (result != kSuccess || option.qos != 2) return result;
-  if (ack_event_q_.Session() != session)
-    return kFailure;  // stopped and restarted: another session's identifier
   std::list<PairedString> no_property;
-  return PublishResponse(MsgType::PUBREL, static_cast<uint16_t>(message_id), 0, no_property);
+  return PublishResponse(MsgType::PUBREL, static_cast<uint16_t>(message_id), 0, no_property, session);
 }
 
 Result SelfMqttImpl::PublishResponse(MsgType type, uint16_t message_id, uint8_t reason_code,
-                                     std::list<PairedString>& user_property) {
+                                     std::list<PairedString>& user_property, uint64_t session) {
   if (type < MsgType::PUBACK || type > MsgType::PUBCOMP) return kFailure;
   const bool mqtt5 = IsMqtt5();
   const size_t capacity = AckCapacity(user_property, mqtt5);
@@ -97,7 +97,7 @@ Result SelfMqttImpl::PublishResponse(MsgType type, uint16_t message_id, uint8_t 
     return kFailure;
   }
   return SendAndWait(body.end(), body.begin(), type, false, type == MsgType::PUBREL ? kPubRelQos : 0, false,
-                     message_id, nullptr);
+                     message_id, nullptr, nullptr, session);
 }
 
 }  // namespace zeb::mqtt

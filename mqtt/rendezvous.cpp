@@ -36,10 +36,11 @@ std::string NameOf(MsgType type) { return MqttWrapper::GetMsgTypeInStr(type); }
 }  // namespace
 
 Result SelfMqttImpl::SendAndWait(const uint8_t* end, const uint8_t* begin, MsgType type, bool retain,
-                                 uint8_t qos, bool dup, int message_id, void* ack,
-                                 util::MutexLock* body_lock) {
+                                 uint8_t qos, bool dup, int message_id, void* ack, util::MutexLock* body_lock,
+                                 uint64_t session) {
   const std::shared_ptr<util::SocketClient> socket = SharedSocket();
   if (const Result refused = CheckSendable(socket.get(), type); refused != kSuccess) return refused;
+  if (session != 0 && session != ack_event_q_.Session()) return kFailure;
 
   const auto remaining_length = end - begin;
   if (remaining_length > kMaxRemainingLength) {

@@ -86,9 +86,11 @@ class SelfMqttImpl {
   // ---- rendezvous.cpp: the one way out. Any thread.
   /// Sends the body from `begin` to `end` under a fixed header, watches it leave, and waits for the request's
   /// acknowledgement; `ack` is the record that the type fills, or null. `body_lock`, when given, is the lock
-  /// under which the body was built: released as soon as the body has been copied.
+  /// under which the body was built: released as soon as the body has been copied. A `session` other than 0
+  /// is the queue's that the packet belongs to: `kFailure` when the client was restarted since.
   Result SendAndWait(const uint8_t* end, const uint8_t* begin, MsgType type, bool retain, uint8_t qos,
-                     bool dup, int message_id, void* ack, util::MutexLock* body_lock = nullptr);
+                     bool dup, int message_id, void* ack, util::MutexLock* body_lock = nullptr,
+                     uint64_t session = 0);
 
   // ---- connection.cpp, connect_exchange.cpp. Application thread.
   Result StartClient(ConnectOption& option, ConnectAck* ack);
@@ -105,7 +107,7 @@ class SelfMqttImpl {
   // ---- publish.cpp. Publish: application thread; PublishResponse: any.
   Result Publish(MqttWrapper::PublishOption& option);
   Result PublishResponse(MsgType type, uint16_t message_id, uint8_t reason_code,
-                         std::list<PairedString>& user_property);
+                         std::list<PairedString>& user_property, uint64_t session = 0);
 
   // ---- subscribe.cpp. Application thread.
   Result Subscribe(MqttWrapper::SubscribeOption& option, MqttWrapper::SubscriptionAck* ack);

@@ -54,19 +54,26 @@ bool SelfMqttImpl::BeginStart(const ConnectOption& option) {
   if (!ClaimStart(util::MonotonicUs() + patience_us)) return false;
   const bool stopped = WaitForStop(patience_us);
   if (stopped && self_stopped_) (void)StopRecvThread();  // reaps the thread that message_cb stopped
-  if (stopped && event_fd_ <= 0) return true;
+  if (stopped && event_fd_ <= 0) {
+    const util::MutexLock lock(stop_mutex_);
+    starting_ = StartState::kRunning;  // the earlier session's thread may have taken it for its own start
+    return true;
+  }
   EndStart();
   return false;
 }
 
 bool SelfMqttImpl::ClaimStart(int64_t deadline_us) {
   const util::MutexLock lock(stop_mutex_);
-  while (starting_ == StartState::kLeaving) {
-    const int64_t left_us = deadline_us - util::MonotonicUs();
-    if (left_us <= 0) return false;
+  ++start_waiters_;
+  int64_t left_us = deadline_us - util::MonotonicUs();
+  while (starting_ == StartState::kLeaving && !closing_ && left_us > 0) {
     (void)stop_cond_.WaitUntil(stop_mutex_, left_us);  // the loop looks again either way
+    left_us = deadline_us - util::MonotonicUs();
   }
-  if (starting_ == StartState::kRunning) return false;
+  --start_waiters_;
+  if (closing_) stop_cond_.Broadcast();
+  if (starting_ != StartState::kNone || closing_) return false;
   starting_ = StartState::kRunning;
   return true;
 }
@@ -77,9 +84,12 @@ void SelfMqttImpl::LeaveStart() {
   if (starting_ == StartState::kRunning) starting_ = StartState::kLeaving;
 }
 
+// For the destructor: no further start begins, and those under way have left.
 void SelfMqttImpl::WaitForStart() {
   const util::MutexLock lock(stop_mutex_);
-  while (starting_ != StartState::kNone) stop_cond_.Wait(stop_mutex_);
+  closing_ = true;
+  stop_cond_.Broadcast();
+  while (starting_ != StartState::kNone || start_waiters_ > 0) stop_cond_.Wait(stop_mutex_);
 }
 
 void SelfMqttImpl::EndStart() {

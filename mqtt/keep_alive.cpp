@@ -108,13 +108,15 @@ void SelfMqttImpl::ResetStamps() {
 }
 
 // A PINGREQ is about to be written. An answer to the one before that no Pong has judged yet is judged now:
-// the new stamp would make it look older than its own ping. False: the client was restarted since Ping began,
-// and the PINGREQ must not go out in a session that does not know of it.
+// the new stamp would make it look older than its own ping. While an earlier ping is unanswered its stamp
+// stays: with a keep-alive shorter than the time-out a dead broker would else never be late. False: the
+// client was restarted since Ping began, and the PINGREQ must not go out in a session that does not know of
+// it.
 bool SelfMqttImpl::RecordPing() {
   const util::MutexLock lock(stamp_mutex_);
   if (ping_session_ != stamp_session_) return false;
   if (ping_sent_ != 0 && ping_sent_ < pong_recv_ && JudgeAnswer() != kSuccess) pong_was_late_ = true;
-  ping_sent_ = util::BootTimeUs();
+  if (ping_sent_ == 0) ping_sent_ = util::BootTimeUs();
   ping_gave_up_ = false;
   ++pings_unanswered_;
   return true;

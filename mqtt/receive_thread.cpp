@@ -196,10 +196,11 @@ void SelfMqttImpl::EndSession(int32_t dis_reason) {
   dis_reason_ = dis_reason;
 }
 
-// Whether the application is ending the session: then nothing that goes wrong is a reason to report.
+// Whether the application is ending the session: then nothing that goes wrong is a reason to report. Until
+// CONNECT goes out, disconnect_called_ tells of the session before.
 bool SelfMqttImpl::StopOnItsWay() {
   const util::MutexLock lock(send_mutex_);
-  return stop_requested_ || disconnect_called_;
+  return stop_requested_ || (disconnect_called_ && connect_state_ != ConnectState::kUnsent);
 }
 
 void SelfMqttImpl::RunRecvLoop(RecvLoop& loop) {

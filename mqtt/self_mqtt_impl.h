@@ -272,9 +272,9 @@ class SelfMqttImpl {
   util::Mutex thread_mutex_;              // start and stop of the receive thread, held across the join
   util::Mutex message_id_mutex_;          // message_id_
   util::Mutex ping_mutex_;                // one Ping at a time, held for the whole of it
-  util::Mutex send_mutex_;                // disconnect_called_
+  util::Mutex send_mutex_;                // disconnect_called_, connect_state_
   mutable util::Mutex socket_mutex_;      // socket_client_, ssl_wrapper_: the pointers, not the objects
-  util::Mutex stop_mutex_;                // stop_calling_, starting_
+  util::Mutex stop_mutex_;                // stop_calling_, starting_ and its two companions
   std::shared_ptr<util::SocketClient> socket_client_;
   std::shared_ptr<util::SslWrapper> ssl_wrapper_;
   AckQueue ack_event_q_;                 // has its own lock
@@ -309,7 +309,7 @@ class SelfMqttImpl {
   // What several requests and a stop from anywhere need beyond that.
   mutable util::Mutex option_mutex_;  // option_, tag_, the three lists
   util::Mutex tx_mutex_;              // tx_buf_, from building a body to SendAndWait's copy of it
-  util::Mutex stamp_mutex_;           // ping_sent_, pong_recv_ and the three below, as one snapshot
+  util::Mutex stamp_mutex_;           // ping_sent_, pong_recv_ and all to pong_was_late_, as one snapshot
   uint64_t stamp_session_ = 0;        // counts the starts: which session the stamps belong to
   uint64_t ping_session_ = 0;         // the session that the running Ping began in
   int32_t pings_unanswered_ = 0;      // PINGREQs whose PINGRESP the broker still owes
@@ -318,7 +318,9 @@ class SelfMqttImpl {
   bool pong_was_late_ = false;        // an answer judged out of turn came after the limit
   util::Condition stop_cond_;         // stop_mutex_: a stop or a start has ended
   enum class StartState { kNone, kRunning, kLeaving };  // leaving: its outcome is decided
-  StartState starting_ = StartState::kNone;             // stop_mutex_
+  int start_waiters_ = 0;                    // stop_mutex_: starts that wait for one that is leaving
+  bool closing_ = false;                     // stop_mutex_: the destructor has begun
+  StartState starting_ = StartState::kNone;  // stop_mutex_
   util::Mutex handle_mutex_;     // thread_state_, and recv_thread_ against the thread's own Detach
   util::Condition handle_cond_;  // handle_mutex_: thread_state_ changed
   enum class ThreadState { kNone, kRunning, kJoinable, kDetached };

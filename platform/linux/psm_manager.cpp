@@ -1,17 +1,49 @@
-// Wake locks of a system without a power-save manager: they are only counted. Any thread.
+// Wake locks through the kernel's files, where they are there and may be written; else only kept by name.
+// Any thread.
 #include "util/psm_manager.h"
 
-#include <set>
+#include <fcntl.h>
+#include <unistd.h>
 
+#include <cerrno>
+#include <set>
+#include <system_error>
+
+#include "util/log.h"
 #include "util/mutex.h"
+#include "util/scoped_fd.h"
 
 namespace zeb::psm {
 namespace {
 
+// One write is one command.
+bool WriteName(int fd, const std::string& name) {
+  if (::write(fd, name.data(), name.size()) == static_cast<ssize_t>(name.size())) return true;
+  const int error = errno;
+  ZEB_LOG(LOG_ERR, "wake lock %s: %s", name.c_str(), std::generic_category().message(error).c_str());
+  return false;
+}
+
 struct Locks {
-  util::Mutex mutex;  // guards the names
+  Locks();
+
+  util::ScopedFd lock_file;    // /sys/power/wake_lock; not valid: the names are only kept
+  util::ScopedFd unlock_file;  // /sys/power/wake_unlock; like the one above set once
+  util::Mutex mutex;           // guards the names, and their order in the kernel
   std::set<std::string> names;
 };
+
+// The files may be open to a process that lacks CAP_BLOCK_SUSPEND; only a write tells. This one names no
+// lock: the kernel finds it wanting after it has checked the right.
+bool MayWrite(int fd) { return ::write(fd, "\n", 1) == 1 || errno == EINVAL; }
+
+Locks::Locks()
+    : lock_file(::open("/sys/power/wake_lock", O_WRONLY | O_CLOEXEC)),
+      unlock_file(::open("/sys/power/wake_unlock", O_WRONLY | O_CLOEXEC)) {
+  if (lock_file.valid() && unlock_file.valid() && MayWrite(unlock_file.get())) return;
+  lock_file.Reset();
+  unlock_file.Reset();
+}
 
 Locks& GetLocks() {
   static auto* const locks = new Locks;  // never freed: threads may hold locks during exit
@@ -20,23 +52,31 @@ Locks& GetLocks() {
 
 }  // namespace
 
+PsmManager::Backend PsmManager::GetBackend() {
+  return GetLocks().lock_file.valid() ? Backend::kKernel : Backend::kMemory;
+}
+
 bool PsmManager::WakeLock(const std::string& name) {
   Locks& locks = GetLocks();
-  util::MutexLock lock(locks.mutex);
+  const util::MutexLock lock(locks.mutex);
+  if (locks.names.count(name) != 0) return true;
+  if (locks.lock_file.valid() && !WriteName(locks.lock_file.get(), name)) return false;
   locks.names.insert(name);
   return true;
 }
 
 bool PsmManager::WakeUnlock(const std::string& name) {
   Locks& locks = GetLocks();
-  util::MutexLock lock(locks.mutex);
+  const util::MutexLock lock(locks.mutex);
+  if (locks.names.count(name) == 0) return true;
+  if (locks.unlock_file.valid() && !WriteName(locks.unlock_file.get(), name)) return false;
   locks.names.erase(name);
   return true;
 }
 
 size_t PsmManager::HeldLocks() {
   Locks& locks = GetLocks();
-  util::MutexLock lock(locks.mutex);
+  const util::MutexLock lock(locks.mutex);
   return locks.names.size();
 }
 

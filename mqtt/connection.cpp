@@ -1,5 +1,7 @@
-// From a stopped client to an established session: checks, address, TLS, socket, receive thread, CONNECT.
-// Runs on the thread that calls StartClient.
+// From a stopped client to an established session: checks, addresses, TLS, socket, receive thread, CONNECT.
+// Runs on the thread that calls StartClient; AbortStart on that of a stop.
+#include <sys/eventfd.h>
+
 #include <algorithm>
 #include <utility>
 #include <vector>
@@ -20,16 +22,31 @@ constexpr const char* kStartClient =
 
 using Domain = util::Socket::Domain;
 
-// The names' first address of the given family, if there is one.
-bool TakeFirst(const std::vector<std::string>& addresses, Domain family, std::string& address,
-               Domain& domain) {
-  if (addresses.empty()) return false;
-  address = addresses.front();
-  domain = family;
-  return true;
-}
-
 }  // namespace
+
+/// What one start has settled on so far.
+struct SelfMqttImpl::StartPlan {
+  explicit StartPlan(int32_t timeout)
+      : timeout_sec(std::clamp(timeout, -1, k_max_timeout)),
+        deadline_us(util::MonotonicUs() + timeout_sec * kUsPerSecond) {}
+  [[nodiscard]] int64_t RemainingUs() const {
+    return std::max<int64_t>(deadline_us - util::MonotonicUs(), 0);
+  }
+  /// False when there is none of the family.
+  bool Use(std::vector<std::string> candidates, Domain family) {
+    if (candidates.empty()) return false;
+    addresses = std::move(candidates);
+    domain = family;
+    return true;
+  }
+
+  const int32_t timeout_sec;
+  const int64_t deadline_us;           // of name resolution, TCP and TLS together
+  int cancel_fd = -1;                  // readable once a stop has taken the start back
+  std::vector<std::string> addresses;  // of the broker, all of the domain, the preferred one first
+  Domain domain = Domain::kIpv4;
+  std::shared_ptr<util::SslWrapper> ssl;  // null without TLS
+};
 
 Result SelfMqttImpl::StartClient(ConnectOption& option, ConnectAck* ack) {
   SetTag(option.client_id);
@@ -56,8 +73,10 @@ bool SelfMqttImpl::BeginStart(const ConnectOption& option) {
   if (stopped && self_stopped_) (void)StopRecvThread();  // reaps the thread that message_cb stopped
   if (stopped && event_fd_ <= 0) {
     const util::MutexLock lock(stop_mutex_);
-    starting_ = StartState::kRunning;  // the earlier session's thread may have taken it for its own start
-    return true;
+    starting_ = StartState::kConnecting;
+    start_aborted_ = false;
+    abort_fd_ = util::ScopedFd(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
+    return true;  // without the descriptor a stop waits until the connect is over
   }
   EndStart();
   return false;
@@ -74,14 +93,37 @@ bool SelfMqttImpl::ClaimStart(int64_t deadline_us) {
   --start_waiters_;
   if (closing_) stop_cond_.Broadcast();
   if (starting_ != StartState::kNone || closing_) return false;
-  starting_ = StartState::kRunning;
+  starting_ = StartState::kClaimed;
   return true;
 }
 
-// The running start's outcome is decided; without one there is nothing to tell.
+// The start has its receive thread: from here on a stop ends it as it ends a session. False when a stop was
+// earlier.
+bool SelfMqttImpl::EnterExchange() {
+  const util::MutexLock lock(stop_mutex_);
+  if (start_aborted_) return false;
+  starting_ = StartState::kExchanging;
+  return true;
+}
+
+// The outcome of the start is decided; without one there is nothing to tell.
 void SelfMqttImpl::LeaveStart() {
   const util::MutexLock lock(stop_mutex_);
-  if (starting_ == StartState::kRunning) starting_ = StartState::kLeaving;
+  if (starting_ == StartState::kExchanging) starting_ = StartState::kLeaving;
+}
+
+// Takes back a start that is still connecting, and waits for its end: it gives up at once.
+void SelfMqttImpl::AbortStart() {
+  const util::MutexLock lock(stop_mutex_);
+  if (starting_ != StartState::kConnecting) return;
+  start_aborted_ = true;
+  if (abort_fd_.valid()) ::eventfd_write(abort_fd_.get(), 1);
+  while (start_aborted_ && starting_ == StartState::kConnecting) stop_cond_.Wait(stop_mutex_);
+}
+
+bool SelfMqttImpl::StartAborted() {
+  const util::MutexLock lock(stop_mutex_);
+  return start_aborted_;
 }
 
 // For the destructor: no further start begins, and those under way have left.
@@ -95,26 +137,21 @@ void SelfMqttImpl::WaitForStart() {
 void SelfMqttImpl::EndStart() {
   const util::MutexLock lock(stop_mutex_);
   starting_ = StartState::kNone;
+  abort_fd_.Reset();
   stop_cond_.Broadcast();
 }
 
 Result SelfMqttImpl::Establish(ConnectOption& option, ConnectAck* ack) {
   ResetSession();
-  std::string address;
-  Domain domain = Domain::kIpv4;
-  if (const Result result = ChooseAddress(option, address, domain); result != kSuccess) return result;
-  if (address.empty()) return kInvalidArgument;
-  const std::string path = address + ";" + std::to_string(option.port);
-  CLIENT_LOG_AS(kStartClient, LOG_DEBUG, "path %s tls %d", path.c_str(), option.tls ? 1 : 0);
-  std::shared_ptr<util::SslWrapper> ssl;
-  if (const Result result = PrepareTls(option, ssl); result != kSuccess) return result;
-
-  timeout_sec_ = std::clamp(option.timeout, -1, k_max_timeout);
-  timeout_us_ = timeout_sec_ * kUsPerSecond;
-  keep_alive_ = option.keep_alive;
-  keep_alive_us_ = keep_alive_ * kUsPerSecond;
-  CLIENT_LOG_AS(kStartClient, LOG_DEBUG, "before connect mqtt client");
-  if (const Result result = OpenSession(option, path, domain, ssl); result != kSuccess) return result;
+  StartPlan plan(option.timeout);
+  plan.cancel_fd = abort_fd_.get();  // this thread alone replaces it
+  Result result = ChooseAddresses(option, plan);
+  if (result == kSuccess) result = PrepareTls(option, plan);
+  if (result == kSuccess) result = OpenSession(option, plan);
+  if (result != kSuccess) {
+    if (StartAborted()) DestroyConnection();  // the stop that waits for this finds nothing left to do
+    return result;
+  }
 
   ConnectAck unused;
   try {
@@ -135,26 +172,28 @@ void SelfMqttImpl::ResetSession() {
   ResetStamps();
 }
 
-Result SelfMqttImpl::ChooseAddress(const ConnectOption& option, std::string& address, Domain& domain) const {
-  for (const Domain family : {Domain::kIpv4, Domain::kIpv6}) {
-    if (!util::NetworkManager::IsValidAddress(option.host, family == Domain::kIpv6)) continue;
-    address = option.host;
-    domain = family;
-    return kSuccess;
+Result SelfMqttImpl::ChooseAddresses(const ConnectOption& option, StartPlan& plan) const {
+  const bool ipv4 = util::NetworkManager::IsValidAddress(option.host, false);
+  const bool literal = ipv4 || util::NetworkManager::IsValidAddress(option.host, true);
+  if (literal) {
+    (void)plan.Use({option.host}, ipv4 ? Domain::kIpv4 : Domain::kIpv6);  // one address, never none
+  } else if (const Result result = ChooseResolved(option, plan); result != kSuccess) {
+    return result;
   }
-  return ChooseResolved(option, address, domain);
+  if (plan.addresses.front().empty()) return kInvalidArgument;
+  LogPath(PathTo(plan.addresses.front(), option.port), option.tls);
+  return kSuccess;
 }
 
-Result SelfMqttImpl::ChooseResolved(const ConnectOption& option, std::string& address, Domain& domain) const {
+Result SelfMqttImpl::ChooseResolved(const ConnectOption& option, StartPlan& plan) const {
   std::vector<std::string> ipv4;
   std::vector<std::string> ipv6;
-  if (util::NetworkManager::ResolveHostName(option.host, ipv4, ipv6) != 0) {
+  if (util::NetworkManager::ResolveHostName(option.host, ipv4, ipv6, plan.RemainingUs(), plan.cancel_fd) !=
+      0) {
     CLIENT_LOG_AS(kStartClient, LOG_ERR, "Cannot Resolv %s into ip address", option.host.c_str());
     return kInvalidArgument;
   }
-  if (option.iface_name.empty()) {
-    return TakeFirst(ipv4, Domain::kIpv4, address, domain) ? kSuccess : kNoAddress;
-  }
+  if (option.iface_name.empty()) return plan.Use(std::move(ipv4), Domain::kIpv4) ? kSuccess : kNoAddress;
   std::string own_ipv4;
   std::string own_ipv6;
   (void)util::NetworkManager::GetIpAddress(option.iface_name, own_ipv4, false);  // empty when there is none
@@ -163,25 +202,33 @@ Result SelfMqttImpl::ChooseResolved(const ConnectOption& option, std::string& ad
     CLIENT_LOG_AS(kStartClient, LOG_ERR, "There's no ip addresses for %s", option.iface_name.c_str());
     return kNoAddress;
   }
-  if (!own_ipv6.empty() && TakeFirst(ipv6, Domain::kIpv6, address, domain)) return kSuccess;
-  if (!own_ipv4.empty() && TakeFirst(ipv4, Domain::kIpv4, address, domain)) return kSuccess;
+  if (!own_ipv6.empty() && plan.Use(std::move(ipv6), Domain::kIpv6)) return kSuccess;
+  if (!own_ipv4.empty() && plan.Use(std::move(ipv4), Domain::kIpv4)) return kSuccess;
   CLIENT_LOG_AS(kStartClient, LOG_ERR, "There's no target address found for iface name %s",
                 option.iface_name.c_str());
   return kNoAddress;
 }
 
+std::string SelfMqttImpl::PathTo(const std::string& address, int32_t port) {
+  return address + ";" + std::to_string(port);
+}
+
+void SelfMqttImpl::LogPath(const std::string& path, bool tls) const {
+  CLIENT_LOG_AS(kStartClient, LOG_DEBUG, "path %s tls %d", path.c_str(), tls ? 1 : 0);
+}
+
 // The context travels with the start, not through the member: a stop that overlaps must not take it away and
 // so turn the connection into a plain one.
-Result SelfMqttImpl::PrepareTls(const ConnectOption& option, std::shared_ptr<util::SslWrapper>& ssl) const {
+Result SelfMqttImpl::PrepareTls(const ConnectOption& option, StartPlan& plan) const {
   if (!option.tls) return kSuccess;
-  ssl = std::make_shared<util::SslWrapper>(false, option.ssl_method);
+  plan.ssl = std::make_shared<util::SslWrapper>(false, option.ssl_method);
   if (!option.cipher_lists.empty()) {
-    (void)ssl->SetCipherLists(option.cipher_lists);  // a refusal fails the connect
+    (void)plan.ssl->SetCipherLists(option.cipher_lists);  // a refusal fails the connect
   }
   if (!option.ca_file.empty()) {
     CLIENT_LOG_AS(kStartClient, LOG_DEBUG, "ca_file %s root_ca_file_type [%d]", option.ca_file.c_str(),
                   static_cast<int>(option.root_ca_file_type));
-    const int32_t code = ssl->SetRootCaFile(option.ca_file, option.root_ca_file_type);
+    const int32_t code = plan.ssl->SetRootCaFile(option.ca_file, option.root_ca_file_type);
     if (code != 0) {
       CLIENT_LOG_AS(kStartClient, LOG_ERR, "Cannot set ca root file [%s]", option.ca_file.c_str());
       return static_cast<Result>(code);
@@ -190,23 +237,38 @@ Result SelfMqttImpl::PrepareTls(const ConnectOption& option, std::shared_ptr<uti
   if (option.cert.empty()) return kSuccess;
   CLIENT_LOG_AS(kStartClient, LOG_DEBUG, "cert %s key %s", option.cert.c_str(), option.key.c_str());
   return static_cast<Result>(
-      ssl->SetCertAndKeyFile(option.cert, option.key, option.cert_file_type, option.key_file_type));
+      plan.ssl->SetCertAndKeyFile(option.cert, option.key, option.cert_file_type, option.key_file_type));
 }
 
-// Connecting may take the whole time-out, so it is done before any lock is taken.
-std::shared_ptr<util::SocketClient> SelfMqttImpl::OpenSocket(
-    const ConnectOption& option, const std::string& path, Domain domain,
-    const std::shared_ptr<util::SslWrapper>& ssl) const {
+std::shared_ptr<util::SocketClient> SelfMqttImpl::OpenSocket(const ConnectOption& option,
+                                                             const StartPlan& plan, const std::string& path,
+                                                             int64_t limit_us) const {
   util::SocketClient::SocketClientOption settings;
-  settings.ssl = ssl;
+  settings.ssl = plan.ssl;
   settings.timeout_us = static_cast<int32_t>(std::max<int64_t>(timeout_us_, 0));
   settings.tx_buf_size = k_max_tx_buf_;
   settings.rx_buf_size = k_max_rx_buf_;
   settings.host = option.host;
-  auto socket = std::make_shared<util::SocketClient>(option.iface_name, util::Socket::Protocol::kTcp, domain,
-                                                     path, std::move(settings));
+  settings.connect_timeout_us = static_cast<int32_t>(limit_us);  // a part of timeout_us
+  settings.cancel_fd = plan.cancel_fd;
+  auto socket = std::make_shared<util::SocketClient>(option.iface_name, util::Socket::Protocol::kTcp,
+                                                     plan.domain, path, std::move(settings));
   socket->SetTCPNoDelay(true);
   return socket;
+}
+
+// Tries the addresses in order, outside every lock. One that does not answer leaves half of the time to those
+// behind it. The socket returned is the last that was tried, connected or not.
+std::shared_ptr<util::SocketClient> SelfMqttImpl::ConnectToAny(const ConnectOption& option,
+                                                               const StartPlan& plan, std::string& path) {
+  for (size_t i = 0;; ++i) {
+    path = PathTo(plan.addresses[i], option.port);
+    if (i > 0) LogPath(path, option.tls);
+    const bool last = i + 1 == plan.addresses.size();
+    const int64_t limit_us = last ? plan.RemainingUs() : plan.RemainingUs() / 2;
+    auto socket = OpenSocket(option, plan, path, limit_us);
+    if (socket->IsConnected() || last || plan.RemainingUs() == 0 || StartAborted()) return socket;
+  }
 }
 
 void SelfMqttImpl::ReplaceConnection(const std::shared_ptr<util::SocketClient>& socket,
@@ -222,11 +284,16 @@ void SelfMqttImpl::ReplaceConnection(const std::shared_ptr<util::SocketClient>& 
 }
 
 // Socket and receive thread come into being under one lock, so that a stop meets both or neither.
-Result SelfMqttImpl::OpenSession(const ConnectOption& option, const std::string& path, Domain domain,
-                                 const std::shared_ptr<util::SslWrapper>& ssl) {
-  const std::shared_ptr<util::SocketClient> socket = OpenSocket(option, path, domain, ssl);
+Result SelfMqttImpl::OpenSession(const ConnectOption& option, const StartPlan& plan) {
+  timeout_sec_ = plan.timeout_sec;
+  timeout_us_ = timeout_sec_ * kUsPerSecond;
+  keep_alive_ = option.keep_alive;
+  keep_alive_us_ = keep_alive_ * kUsPerSecond;
+  CLIENT_LOG_AS(kStartClient, LOG_DEBUG, "before connect mqtt client");
+  std::string path;
+  const std::shared_ptr<util::SocketClient> socket = ConnectToAny(option, plan, path);
   if (!socket->IsConnected()) {
-    ReplaceConnection(socket, ssl);
+    ReplaceConnection(socket, plan.ssl);
     CLIENT_LOG_AS(kStartClient, LOG_ERR, "Cannot connect to %s", path.c_str());
     return kInvalidArgument;
   }
@@ -236,8 +303,13 @@ Result SelfMqttImpl::OpenSession(const ConnectOption& option, const std::string&
   ack_event_q_.Clear();
   const util::MutexLock lock(thread_mutex_);
   SetTag(option.client_id);  // a stop that came in between has cleared it
-  ReplaceConnection(socket, ssl);
+  ReplaceConnection(socket, plan.ssl);
   status_ = kSocketConnected;
+  if (!EnterExchange()) {
+    status_ = kIdle;
+    CLIENT_LOG_AS(kStartClient, LOG_ERR, "Cannot connect to %s", path.c_str());
+    return kInvalidArgument;
+  }
   const Result result = StartRecvThreadLocked();
   if (result != kSuccess) CLIENT_LOG_AS(kStartClient, LOG_ERR, "StartRecvThread returns %d", result);
   return result;

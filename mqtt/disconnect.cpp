@@ -69,6 +69,7 @@ void SelfMqttImpl::BuildDisconnect(PacketWriter& body, MqttWrapper::DisconnectOp
 }
 
 Result SelfMqttImpl::StopClient(MqttWrapper::DisconnectOption* option) {
+  AbortStart();
   const std::shared_ptr<util::SocketClient> socket = SharedSocket();
   if (socket == nullptr || socket->GetFd() <= 0) {
     CLIENT_LOG(LOG_DEBUG, "Client is already stopped");

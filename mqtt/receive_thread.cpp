@@ -134,7 +134,8 @@ bool SelfMqttImpl::SetUpRecvLoop(RecvLoop& loop) {
   const long tid = ::syscall(SYS_gettid);
   ZEB_LOG_AS(kRecvThread, LOG_DEBUG, "TID [%ld]", tid);
   ZEB_KERNEL_LOG_ECHO("echo \"%s %d: TID [%ld]\n\" > /dev/kmsg", kRecvThread, __LINE__, tid);
-  network_manager_.SetEventCb([this](util::EventDic& event) { EventCb(event); });
+  network_manager_.SetEventCb([this](util::EventDic& event) { EventCb(event); },
+                              loop.socket != nullptr ? loop.socket->GetFd() : -1);
   left_buf_size_ = 0;
   extra_packet_size_ = 0;
   loop.rx_buf.reset(static_cast<uint8_t*>(std::calloc(static_cast<size_t>(k_max_rx_buf_), 1)));

@@ -22,6 +22,7 @@
 #include "util/condition.h"
 #include "util/mutex.h"
 #include "util/network_manager.h"
+#include "util/scoped_fd.h"
 #include "util/socket.h"
 #include "util/ssl_wrapper.h"
 #include "util/thread.h"
@@ -174,23 +175,28 @@ class SelfMqttImpl {
   void DeliverAck(MsgType type, AckEvent& event, void* ack) const;
 
   // ---- connection.cpp
+  struct StartPlan;
   bool BeginStart(const ConnectOption& option);
   bool ClaimStart(int64_t deadline_us);
+  bool EnterExchange();
   void LeaveStart();
+  void AbortStart();
+  bool StartAborted();
   void WaitForStart();
   void EndStart();
   void ResetSession();
-  Result ChooseAddress(const ConnectOption& option, std::string& address, util::Socket::Domain& domain) const;
-  Result ChooseResolved(const ConnectOption& option, std::string& address,
-                        util::Socket::Domain& domain) const;
-  Result PrepareTls(const ConnectOption& option, std::shared_ptr<util::SslWrapper>& ssl) const;
-  std::shared_ptr<util::SocketClient> OpenSocket(const ConnectOption& option, const std::string& path,
-                                                 util::Socket::Domain domain,
-                                                 const std::shared_ptr<util::SslWrapper>& ssl) const;
+  Result ChooseAddresses(const ConnectOption& option, StartPlan& plan) const;
+  Result ChooseResolved(const ConnectOption& option, StartPlan& plan) const;
+  static std::string PathTo(const std::string& address, int32_t port);
+  void LogPath(const std::string& path, bool tls) const;
+  Result PrepareTls(const ConnectOption& option, StartPlan& plan) const;
+  std::shared_ptr<util::SocketClient> OpenSocket(const ConnectOption& option, const StartPlan& plan,
+                                                 const std::string& path, int64_t limit_us) const;
+  std::shared_ptr<util::SocketClient> ConnectToAny(const ConnectOption& option, const StartPlan& plan,
+                                                   std::string& path);
   void ReplaceConnection(const std::shared_ptr<util::SocketClient>& socket,
                          const std::shared_ptr<util::SslWrapper>& ssl);
-  Result OpenSession(const ConnectOption& option, const std::string& path, util::Socket::Domain domain,
-                     const std::shared_ptr<util::SslWrapper>& ssl);
+  Result OpenSession(const ConnectOption& option, const StartPlan& plan);
   Result Establish(ConnectOption& option, ConnectAck* ack);
   void TearDown();
   Result ExchangeConnect(ConnectOption& option, ConnectAck& ack);
@@ -274,7 +280,7 @@ class SelfMqttImpl {
   util::Mutex ping_mutex_;                // one Ping at a time, held for the whole of it
   util::Mutex send_mutex_;                // disconnect_called_, connect_state_
   mutable util::Mutex socket_mutex_;      // socket_client_, ssl_wrapper_: the pointers, not the objects
-  util::Mutex stop_mutex_;                // stop_calling_, starting_ and its two companions
+  util::Mutex stop_mutex_;                // stop_calling_, starting_ and its companions
   std::shared_ptr<util::SocketClient> socket_client_;
   std::shared_ptr<util::SslWrapper> ssl_wrapper_;
   AckQueue ack_event_q_;                 // has its own lock
@@ -317,10 +323,14 @@ class SelfMqttImpl {
   bool ping_gave_up_ = false;         // the last PINGREQ's waiter left before its answer
   bool pong_was_late_ = false;        // an answer judged out of turn came after the limit
   util::Condition stop_cond_;         // stop_mutex_: a stop or a start has ended
-  enum class StartState { kNone, kRunning, kLeaving };  // leaving: its outcome is decided
+  // Claimed: waits for an earlier stop. Connecting: up to the receive thread. Exchanging: until CONNACK.
+  // Leaving: its outcome is decided.
+  enum class StartState { kNone, kClaimed, kConnecting, kExchanging, kLeaving };
+  StartState starting_ = StartState::kNone;  // stop_mutex_
+  bool start_aborted_ = false;               // stop_mutex_: a stop has taken back the start that connects
+  util::ScopedFd abort_fd_;                  // stop_mutex_, the number alone by the start: readable then
   int start_waiters_ = 0;                    // stop_mutex_: starts that wait for one that is leaving
   bool closing_ = false;                     // stop_mutex_: the destructor has begun
-  StartState starting_ = StartState::kNone;  // stop_mutex_
   util::Mutex handle_mutex_;     // thread_state_, and recv_thread_ against the thread's own Detach
   util::Condition handle_cond_;  // handle_mutex_: thread_state_ changed
   enum class ThreadState { kNone, kRunning, kJoinable, kDetached };

@@ -42,13 +42,19 @@ class SocketClient : public Socket {
   struct SocketClientOption {
     /// TLS settings; null for plain TCP.
     std::shared_ptr<const SslWrapper> ssl;
-    /// Bound of the whole connect (TCP and TLS), and of each Send. Microseconds.
+    /// Bound of each Send, and of the connect unless `connect_timeout_us` says otherwise. Microseconds.
     int32_t timeout_us = 0;
     /// SO_SNDBUF and SO_RCVBUF. Bytes; 0 leaves the system's default.
     int32_t tx_buf_size = 0;
     int32_t rx_buf_size = 0;
     /// The broker as the application named it: what its certificate must bear. TLS only.
     std::string host;
+    /// Bound of the whole connect, TCP and TLS, where it is not a Send's: name resolution, or an address
+    /// tried before, may have used up a part of the time. Microseconds; negative: as `timeout_us`.
+    int32_t connect_timeout_us = -1;
+    /// Becomes readable when the connect is no longer wanted: the constructor then gives up at once. Not
+    /// owned, not read, and used during the constructor only. -1: none.
+    int cancel_fd = -1;
   };
 
   /// Recv: nothing has arrived.
@@ -56,7 +62,8 @@ class SocketClient : public Socket {
 
   /// Connects to `path`, an address literal, ";" and a port. With a non-empty `iface` the connection
   /// leaves through that interface; where the right to bind to a device is missing, it is bound to the
-  /// interface's own address. Blocks for at most the option's time-out; IsConnected tells the outcome.
+  /// interface's own address. Blocks for at most the option's time-out; IsConnected tells the outcome, and
+  /// one LOG_ERR line why there is no connection.
   SocketClient(const std::string& iface, Protocol protocol, Domain domain, const std::string& path,
                SocketClientOption option);
   ~SocketClient();

@@ -17,6 +17,8 @@ class Thread {
   Result Start(std::function<void()> body);
 
   [[nodiscard]] bool Joinable() const { return thread_.joinable(); }
+  /// Whether the caller runs on the thread.
+  [[nodiscard]] bool IsCurrent() const { return thread_.get_id() == std::this_thread::get_id(); }
   /// Blocks until the thread has ended.
   void Join() { thread_.join(); }
   /// Lets the thread run on without a handle.

@@ -11,19 +11,6 @@
 
 namespace zeb::util {
 
-/// A point on the monotonic clock. A value.
-class Deadline {
- public:
-  /// A time-out of 0 or less has passed already: what it bounds is tried once, without waiting.
-  explicit Deadline(int64_t timeout_us) : end_us_(MonotonicUs() + std::max<int64_t>(timeout_us, 0)) {}
-
-  /// Microseconds that are left, 0 when it has passed.
-  [[nodiscard]] int64_t RemainingUs() const { return std::max<int64_t>(end_us_ - MonotonicUs(), 0); }
-
- private:
-  int64_t end_us_;
-};
-
 /// Waits for one of `events`, an error or a hang-up, at most `wait_us` (rounded up to milliseconds). True
 /// when there is one; false after the time, and after a signal: the caller looks at its deadline again.
 inline bool WaitForDescriptor(int fd, short events, int64_t wait_us) {
@@ -31,5 +18,36 @@ inline bool WaitForDescriptor(int fd, short events, int64_t wait_us) {
   const int64_t wait_ms = std::min<int64_t>((wait_us + 999) / 1'000, INT_MAX);
   return ::poll(&entry, 1, static_cast<int>(wait_ms)) > 0;
 }
+
+/// A point on the monotonic clock, or earlier, when a descriptor says so. A value.
+class Deadline {
+ public:
+  /// A time-out of 0 or less has passed already: what it bounds is tried once, without waiting.
+  /// `cancel_fd` (-1: none; not owned) becomes readable when what is waited for is no longer wanted.
+  explicit Deadline(int64_t timeout_us, int cancel_fd = -1)
+      : end_us_(MonotonicUs() + std::max<int64_t>(timeout_us, 0)), cancel_fd_(cancel_fd) {}
+
+  /// Microseconds that are left, 0 when it has passed.
+  [[nodiscard]] int64_t RemainingUs() const { return std::max<int64_t>(end_us_ - MonotonicUs(), 0); }
+
+  [[nodiscard]] bool Cancelled() const { return cancel_fd_ >= 0 && WaitForDescriptor(cancel_fd_, POLLIN, 0); }
+
+  /// Waits until `fd` has one of `events`, an error or a hang-up. False when the deadline passed first or
+  /// the wait was cancelled.
+  [[nodiscard]] bool Await(int fd, short events) const {
+    for (;;) {
+      pollfd entries[] = {{fd, events, 0}, {cancel_fd_, POLLIN, 0}};  // the kernel skips a negative one
+      const int64_t remaining_us = RemainingUs();
+      const int64_t wait_ms = std::min<int64_t>((remaining_us + 999) / 1'000, INT_MAX);
+      const int ready = ::poll(entries, 2, static_cast<int>(wait_ms));
+      if (ready > 0) return entries[1].revents == 0;
+      if (remaining_us == 0) return false;
+    }
+  }
+
+ private:
+  int64_t end_us_;
+  int cancel_fd_;
+};
 
 }  // namespace zeb::util

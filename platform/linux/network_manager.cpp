@@ -1,121 +1,36 @@
-// Addresses from the system's resolver and interface list, and the process-wide registry of event callbacks.
-// Any thread; no callback runs with the registry's lock held.
+// The process-wide registry of event callbacks, and the one watcher behind it. Any thread; no callback runs,
+// and no thread is waited for, with the registry's lock held.
 #include "util/network_manager.h"
 
-#include <arpa/inet.h>
-#include <ifaddrs.h>
-#include <net/if.h>
-#include <netdb.h>
-#include <netinet/in.h>
-
 #include <algorithm>
-#include <cstring>
 #include <thread>
 #include <utility>
 
+#include "platform/linux/host_addresses.h"
+#include "platform/linux/network_watcher.h"
 #include "util/condition.h"
-#include "util/log.h"
 #include "util/mutex.h"
+#include "util/scope_exit.h"
 
 namespace zeb::util {
-namespace {
-
-// The address as text, with the zone where it has one; empty when it cannot be told.
-std::string NumericAddress(const sockaddr* address, socklen_t length) {
-  char text[NI_MAXHOST] = {};
-  const int error = ::getnameinfo(address, length, text, sizeof text, nullptr, 0, NI_NUMERICHOST);
-  return error == 0 ? text : std::string();
-}
-
-bool IsLinkLocal(const sockaddr* address) {
-  if (address->sa_family == AF_INET6)
-    return IN6_IS_ADDR_LINKLOCAL(&reinterpret_cast<const sockaddr_in6*>(address)->sin6_addr);
-  constexpr uint32_t k_link_local_prefix = 0xA9FE;  // 169.254
-  return ntohl(reinterpret_cast<const sockaddr_in*>(address)->sin_addr.s_addr) >> 16 == k_link_local_prefix;
-}
-
-// The first global address, else the first link-local one; null when there is none.
-const sockaddr* BestAddress(const ifaddrs* first, const std::string& iface, int family) {
-  const sockaddr* link_local = nullptr;
-  for (const ifaddrs* entry = first; entry != nullptr; entry = entry->ifa_next) {
-    if (entry->ifa_addr == nullptr || entry->ifa_addr->sa_family != family) continue;
-    if ((entry->ifa_flags & IFF_UP) == 0 || iface != entry->ifa_name) continue;
-    if (!IsLinkLocal(entry->ifa_addr)) return entry->ifa_addr;
-    if (link_local == nullptr) link_local = entry->ifa_addr;
-  }
-  return link_local;
-}
-
-}  // namespace
-
-bool NetworkManager::IsValidAddress(const std::string& address, bool ipv6) {
-  if (address.find('\0') != std::string::npos) return false;
-  in6_addr parsed{};  // large enough for either family
-  if (!ipv6) return ::inet_pton(AF_INET, address.c_str(), &parsed) == 1;
-
-  const size_t percent = address.find('%');
-  if (percent != std::string::npos) {
-    const std::string zone = address.substr(percent + 1);
-    if (zone.empty() || zone.find('%') != std::string::npos) return false;
-  }
-  return ::inet_pton(AF_INET6, address.substr(0, percent).c_str(), &parsed) == 1;
-}
-
-int NetworkManager::ResolveHostName(const std::string& name, std::vector<std::string>& ipv4,
-                                    std::vector<std::string>& ipv6) {
-  ipv4.clear();
-  ipv6.clear();
-  if (name.empty()) return EAI_NONAME;
-  addrinfo hints{};
-  hints.ai_family = AF_UNSPEC;
-  hints.ai_socktype = SOCK_STREAM;
-  addrinfo* found = nullptr;
-  const int error = ::getaddrinfo(name.c_str(), nullptr, &hints, &found);
-  if (error != 0) {
-    ZEB_LOG(LOG_DEBUG, "%s not resolved: %s", name.c_str(), ::gai_strerror(error));
-    return error;
-  }
-  for (const addrinfo* entry = found; entry != nullptr; entry = entry->ai_next) {
-    if (entry->ai_family != AF_INET && entry->ai_family != AF_INET6) continue;
-    std::vector<std::string>& list = entry->ai_family == AF_INET6 ? ipv6 : ipv4;
-    std::string text = NumericAddress(entry->ai_addr, entry->ai_addrlen);
-    if (text.empty() || std::find(list.begin(), list.end(), text) != list.end()) continue;
-    list.push_back(std::move(text));
-  }
-  ::freeaddrinfo(found);
-  return ipv4.empty() && ipv6.empty() ? EAI_NONAME : 0;
-}
-
-int NetworkManager::GetIpAddress(const std::string& iface, std::string& address, bool ipv6) {
-  address.clear();
-  ifaddrs* first = nullptr;
-  if (::getifaddrs(&first) != 0) return 1;
-  const sockaddr* const best = BestAddress(first, iface, ipv6 ? AF_INET6 : AF_INET);
-  if (best != nullptr) {
-    address = NumericAddress(best, ipv6 ? sizeof(sockaddr_in6) : sizeof(sockaddr_in));
-    const bool zone_missing = address.find('%') == std::string::npos;
-    if (ipv6 && !address.empty() && zone_missing && IsLinkLocal(best)) address += '%' + iface;
-  }
-  ::freeifaddrs(first);
-  return address.empty() ? 1 : 0;
-}
 
 /// One callback, known to the registry, to its NetworkManager and to the calls of it that are running.
 struct NetworkManager::Registration {
   explicit Registration(EventCallback function) : callback(std::move(function)) {}
 
   struct Registry {
-    Mutex mutex;  // guards the list, and of each registration `active` and `running`
+    Mutex mutex;  // guards all below, and of each registration `active` and `running`
     Condition call_ended;
     std::vector<std::shared_ptr<Registration>> list;
+    std::unique_ptr<NetworkWatcher> watcher;  // while the list is not empty
   };
   static Registry& GetRegistry() {
     static auto* const registry = new Registry;  // never freed: threads may raise events during exit
     return *registry;
   }
 
-  bool Begin();
-  void End();
+  /// Runs the callback, unless it was retired before.
+  void Call(EventDic& event);
   /// Ends the registration; waits for running calls unless it is one of them that asks.
   void Retire();
 
@@ -124,26 +39,31 @@ struct NetworkManager::Registration {
   std::vector<std::thread::id> running;
 };
 
-bool NetworkManager::Registration::Begin() {
-  MutexLock lock(GetRegistry().mutex);
-  if (active) running.push_back(std::this_thread::get_id());
-  return active;
-}
-
-void NetworkManager::Registration::End() {
-  MutexLock lock(GetRegistry().mutex);
-  running.erase(std::find(running.begin(), running.end(), std::this_thread::get_id()));
-  GetRegistry().call_ended.Broadcast();
+void NetworkManager::Registration::Call(EventDic& event) {
+  Registry& registry = GetRegistry();
+  const std::thread::id self = std::this_thread::get_id();
+  MutexLock lock(registry.mutex);
+  if (!active) return;
+  running.push_back(self);
+  lock.Unlock();
+  const ScopeExit end([&] {
+    const MutexLock again(registry.mutex);
+    running.erase(std::find(running.begin(), running.end(), self));
+    registry.call_ended.Broadcast();
+  });
+  callback(event);
 }
 
 void NetworkManager::Registration::Retire() {
   Registry& registry = GetRegistry();
-  EventCallback doomed;  // destroyed last, without the lock: what it captured may do anything
+  EventCallback doomed;                     // both destroyed last, without the lock: what the callback
+  std::unique_ptr<NetworkWatcher> no_need;  // captured may do anything, and the watcher waits for its thread
   MutexLock lock(registry.mutex);
   active = false;
   auto& list = registry.list;
   const auto is_this = [this](const auto& other) { return other.get() == this; };
   list.erase(std::remove_if(list.begin(), list.end(), is_this), list.end());
+  if (list.empty()) no_need = std::move(registry.watcher);
   // Two calls that retire each other's registration at once must not wait for one another, hence no wait
   // here.
   if (std::find(running.begin(), running.end(), std::this_thread::get_id()) != running.end()) return;
@@ -155,13 +75,24 @@ NetworkManager::NetworkManager() = default;
 
 NetworkManager::~NetworkManager() { UnsetEventCb(); }
 
-void NetworkManager::SetEventCb(EventCallback callback) {
+void NetworkManager::SetEventCb(EventCallback callback, int socket_fd) {
   UnsetEventCb();
   if (callback == nullptr) return;
-  registration_ = std::make_shared<Registration>(std::move(callback));
+  const auto registration = std::make_shared<Registration>(std::move(callback));
   Registration::Registry& registry = Registration::GetRegistry();
   MutexLock lock(registry.mutex);
-  registry.list.push_back(registration_);
+  registry.list.push_back(registration);
+  registration_ = registration;
+  if (registry.watcher == nullptr) registry.watcher = NetworkWatcher::Start();
+  lock.Unlock();
+
+  // The address may have gone between the connect and this moment: the watcher, which reports changes, has
+  // no more to say about it.
+  if (const char* const ip_version = LostIpVersion(socket_fd)) {
+    EventDic event(EventDic::k_address_lost);
+    event.SetParam(EventDic::k_ip_version, ip_version);
+    registration->Call(event);
+  }
 }
 
 void NetworkManager::UnsetEventCb() {
@@ -175,15 +106,7 @@ void NetworkManager::RaiseEvent(EventDic& event) {
   const std::vector<std::shared_ptr<Registration>> targets = registry.list;
   lock.Unlock();
 
-  struct EndOfCall {
-    Registration* registration;
-    ~EndOfCall() { registration->End(); }
-  };
-  for (const std::shared_ptr<Registration>& target : targets) {
-    if (!target->Begin()) continue;
-    const EndOfCall end{target.get()};
-    target->callback(event);
-  }
+  for (const std::shared_ptr<Registration>& target : targets) target->Call(event);
 }
 
 }  // namespace zeb::util

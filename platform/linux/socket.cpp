@@ -86,7 +86,8 @@ struct SocketClient::State {
 };
 
 bool SocketClient::State::Connect(const std::string& iface, Domain domain, const std::string& path) {
-  const Deadline deadline(option.timeout_us);
+  const int32_t limit_us = option.connect_timeout_us >= 0 ? option.connect_timeout_us : option.timeout_us;
+  const Deadline deadline(limit_us, option.cancel_fd);
   TcpTarget target;
   if (!ParsePath(path, &target)) {
     ZEB_LOG(LOG_ERR, "%s is not an address, ';' and a port", path.c_str());

@@ -74,15 +74,10 @@ int ConnectBefore(int fd, const SocketAddress& remote, const Deadline& deadline)
   if (::connect(fd, remote.get(), remote.length) == 0) return 0;
   if (errno != EINPROGRESS && errno != EINTR) return errno;
 
-  int64_t remaining_us = 0;
-  do {
-    remaining_us = deadline.RemainingUs();
-    if (!WaitForDescriptor(fd, POLLOUT, remaining_us)) continue;
-    int error = 0;
-    socklen_t size = sizeof error;
-    return ::getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &size) == 0 ? error : errno;
-  } while (remaining_us > 0);
-  return ETIMEDOUT;
+  if (!deadline.Await(fd, POLLOUT)) return deadline.Cancelled() ? ECANCELED : ETIMEDOUT;
+  int error = 0;
+  socklen_t size = sizeof error;
+  return ::getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &size) == 0 ? error : errno;
 }
 
 }  // namespace

@@ -15,14 +15,6 @@
 namespace zeb::util {
 namespace {
 
-// The bound of one wait; see the writer's in the socket. Nobody reads during a handshake.
-bool WaitBefore(const Deadline& deadline, int fd, short wanted) {
-  const int64_t remaining_us = deadline.RemainingUs();
-  if (remaining_us == 0) return false;
-  WaitForDescriptor(fd, wanted, remaining_us);
-  return true;
-}
-
 // 0 when `ssl_error` is not one that a wait mends.
 short WantedEvent(int ssl_error) {
   if (ssl_error == SSL_ERROR_WANT_READ) return POLLIN;
@@ -130,9 +122,9 @@ bool TlsSession::Handshake(const Deadline& deadline) {
   short wanted = 0;
   while (!HandshakeStep(&wanted)) {
     if (wanted == 0) return false;
-    if (WaitBefore(deadline, fd_, wanted)) continue;
+    if (deadline.Await(fd_, wanted)) continue;
     failed_ = true;
-    ZEB_LOG(LOG_ERR, "TLS handshake failed: timed out");
+    ZEB_LOG(LOG_ERR, "TLS handshake failed: %s", deadline.Cancelled() ? "given up" : "timed out");
     return false;
   }
   return true;

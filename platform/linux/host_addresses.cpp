@@ -1,0 +1,135 @@
+// Reads the list of interfaces and their addresses from the kernel. Any thread.
+#include "platform/linux/host_addresses.h"
+
+#include <ifaddrs.h>
+#include <net/if.h>
+#include <netdb.h>
+#include <netinet/in.h>
+
+#include <cerrno>
+#include <cstring>
+#include <memory>
+
+#include "util/network_manager.h"
+#include "util/scoped_fd.h"
+
+namespace zeb::util {
+namespace {
+
+using InterfaceList = std::unique_ptr<ifaddrs, decltype(&::freeifaddrs)>;
+
+InterfaceList ListInterfaces() {
+  ifaddrs* first = nullptr;
+  if (::getifaddrs(&first) != 0) first = nullptr;
+  return {first, ::freeifaddrs};
+}
+
+const in6_addr& Ipv6Bytes(const sockaddr* address) {
+  return reinterpret_cast<const sockaddr_in6*>(address)->sin6_addr;
+}
+
+uint32_t Ipv4Number(const sockaddr* address) {
+  return ntohl(reinterpret_cast<const sockaddr_in*>(address)->sin_addr.s_addr);
+}
+
+bool IsLinkLocal(const sockaddr* address) {
+  constexpr uint32_t k_link_local_prefix = 0xA9FE;  // 169.254
+  if (address->sa_family == AF_INET6) return IN6_IS_ADDR_LINKLOCAL(&Ipv6Bytes(address));
+  return Ipv4Number(address) >> 16 == k_link_local_prefix;
+}
+
+bool IsLoopback(const sockaddr* address) {
+  constexpr uint32_t k_loopback_prefix = 127;
+  if (address->sa_family == AF_INET6) return IN6_IS_ADDR_LOOPBACK(&Ipv6Bytes(address));
+  return Ipv4Number(address) >> 24 == k_loopback_prefix;
+}
+
+bool IsIp(const sockaddr* address) {
+  return address != nullptr && (address->sa_family == AF_INET || address->sa_family == AF_INET6);
+}
+
+bool IsSameAddress(const sockaddr* a, const sockaddr* b) {
+  if (a->sa_family != b->sa_family) return false;
+  return a->sa_family == AF_INET6 ? IN6_ARE_ADDR_EQUAL(&Ipv6Bytes(a), &Ipv6Bytes(b)) != 0
+                                  : Ipv4Number(a) == Ipv4Number(b);
+}
+
+// An interface that is up but has lost its carrier keeps its addresses, and reaches nobody.
+bool IsRunning(const ifaddrs& entry) {
+  constexpr unsigned int k_running = IFF_UP | IFF_RUNNING;
+  return (entry.ifa_flags & k_running) == k_running;
+}
+
+// The kernel's own answer covers what no interface lists, a whole local prefix for one.
+bool IsForeignToTheHost(const sockaddr_storage& address, socklen_t length) {
+  const ScopedFd probe(::socket(address.ss_family, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  if (!probe.valid()) return false;
+  sockaddr_storage any_port = address;
+  reinterpret_cast<sockaddr_in*>(&any_port)->sin_port = 0;  // at the same place in an IPv6 address
+  return ::bind(probe.get(), reinterpret_cast<const sockaddr*>(&any_port), length) != 0 &&
+         errno == EADDRNOTAVAIL;
+}
+
+// The first global address, else the first link-local one; null when there is none.
+const sockaddr* BestAddress(const ifaddrs* first, const std::string& iface, int family) {
+  const sockaddr* link_local = nullptr;
+  for (const ifaddrs* entry = first; entry != nullptr; entry = entry->ifa_next) {
+    if (entry->ifa_addr == nullptr || entry->ifa_addr->sa_family != family) continue;
+    if ((entry->ifa_flags & IFF_UP) == 0 || iface != entry->ifa_name) continue;
+    if (!IsLinkLocal(entry->ifa_addr)) return entry->ifa_addr;
+    if (link_local == nullptr) link_local = entry->ifa_addr;
+  }
+  return link_local;
+}
+
+}  // namespace
+
+std::string NumericAddress(const sockaddr* address, socklen_t length) {
+  char text[NI_MAXHOST] = {};
+  const int error = ::getnameinfo(address, length, text, sizeof text, nullptr, 0, NI_NUMERICHOST);
+  return error == 0 ? text : std::string();
+}
+
+bool LookUpUsableVersions(UsableVersions* usable) {
+  const InterfaceList list = ListInterfaces();
+  if (list == nullptr) return false;  // even the loopback interface makes an entry
+  *usable = {};
+  for (const ifaddrs* entry = list.get(); entry != nullptr; entry = entry->ifa_next) {
+    const sockaddr* const address = entry->ifa_addr;
+    if (!IsIp(address) || !IsRunning(*entry) || IsLoopback(address) || IsLinkLocal(address)) continue;
+    (address->sa_family == AF_INET6 ? usable->ipv6 : usable->ipv4) = true;
+  }
+  return true;
+}
+
+const char* LostIpVersion(int socket_fd) {
+  sockaddr_storage local{};
+  socklen_t length = sizeof local;
+  const auto* const address = reinterpret_cast<const sockaddr*>(&local);
+  if (::getsockname(socket_fd, reinterpret_cast<sockaddr*>(&local), &length) != 0 || !IsIp(address))
+    return nullptr;
+  const InterfaceList list = ListInterfaces();
+  if (list == nullptr) return nullptr;
+  bool listed = false;
+  for (const ifaddrs* entry = list.get(); entry != nullptr; entry = entry->ifa_next) {
+    if (!IsIp(entry->ifa_addr) || !IsSameAddress(entry->ifa_addr, address)) continue;
+    if (IsRunning(*entry)) return nullptr;
+    listed = true;
+  }
+  if (!listed && !IsForeignToTheHost(local, length)) return nullptr;
+  return local.ss_family == AF_INET6 ? "6" : "4";
+}
+
+int NetworkManager::GetIpAddress(const std::string& iface, std::string& address, bool ipv6) {
+  address.clear();
+  const InterfaceList list = ListInterfaces();
+  const sockaddr* const best = BestAddress(list.get(), iface, ipv6 ? AF_INET6 : AF_INET);
+  if (best != nullptr) {
+    address = NumericAddress(best, ipv6 ? sizeof(sockaddr_in6) : sizeof(sockaddr_in));
+    const bool zone_missing = address.find('%') == std::string::npos;
+    if (ipv6 && !address.empty() && zone_missing && IsLinkLocal(best)) address += '%' + iface;
+  }
+  return address.empty() ? 1 : 0;
+}
+
+}  // namespace zeb::util

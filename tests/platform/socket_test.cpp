@@ -6,24 +6,14 @@
 #include <netinet/in.h>
 #include <openssl/ssl.h>
 #include <poll.h>
-#include <sys/syscall.h>
 
-#include <atomic>
 #include <csignal>
 #include <future>
 #include <vector>
 
 #include "tests/platform/certificates.h"
+#include "tests/support/deny_device.h"
 #include "util/boot_clock.h"
-
-static std::atomic<bool> deny_device{false};
-
-// Stands in for a process without the right to bind to a device.
-extern "C" int setsockopt(int fd, int level, int name, const void* value, socklen_t length) noexcept {
-  const bool denied = deny_device && level == SOL_SOCKET && name == SO_BINDTODEVICE;
-  if (denied) errno = EPERM;
-  return denied ? -1 : static_cast<int>(::syscall(SYS_setsockopt, fd, level, name, value, length));
-}
 
 namespace zeb::test {
 namespace {
@@ -172,9 +162,8 @@ TEST(Socket, ChosenInterface) {
   const Listener listener;
   for (const bool deny : {false, true}) {  // then the interface's own address takes the device's place
     for (const std::string iface : {"lo", "zeb-none", "name-beyond-15-characters"}) {
-      deny_device = deny;
+      const DenyDevice denied(deny);
       const auto client = Connect(listener.path, nullptr, "", 5'000'000, iface);
-      deny_device = false;
       EXPECT_EQ(client->IsConnected(), iface == "lo") << iface << deny;
     }
   }

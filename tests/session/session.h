@@ -73,8 +73,8 @@ class Mailbox {
 
 struct Session {
   explicit Session(int32_t protocol = k_mqtt311, std::map<MsgType, Handler> handlers = {},
-                   int32_t timeout_s = 10)
-      : broker(std::move(handlers)), option(Options(broker.port(), protocol, timeout_s)) {
+                   int32_t timeout_s = 10, int public_port = 0)
+      : broker(std::move(handlers), public_port), option(Options(broker.port(), protocol, timeout_s)) {
     option.message_cb = [this](MqttWrapper::PublishMessage& message) { payloads.Push(message.payload); };
     option.disconnect_cb = [ends = ends](MqttWrapper*, int reason) { ends.Push(reason); };
   }

@@ -96,16 +96,21 @@ void ScriptedBroker::Answer(Connection& connection, const Packet& packet) {
   connection.Send(Bytes(own->second[version]) + packet.id() + Bytes(own->second[version + 1]));
 }
 
-ScriptedBroker::ScriptedBroker(std::map<MsgType, Handler> handlers)
+ScriptedBroker::ScriptedBroker(std::map<MsgType, Handler> handlers, int public_port)
     : handlers_(std::move(handlers)),
-      listener_(::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)),
+      listener_(
+          ::socket(public_port != 0 ? AF_INET6 : AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)),
       wake_(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {
-  sockaddr_in address = Loopback(0);
-  socklen_t length = sizeof address;
-  auto* const generic = reinterpret_cast<sockaddr*>(&address);
-  if (::bind(listener_.get(), generic, length) == 0 && ::listen(listener_.get(), SOMAXCONN) == 0 &&
-      ::getsockname(listener_.get(), generic, &length) == 0) {
-    port_ = ntohs(address.sin_port);
+  sockaddr_in6 everywhere{};
+  everywhere.sin6_family = AF_INET6;
+  everywhere.sin6_port = htons(static_cast<uint16_t>(public_port));
+  sockaddr_in loopback = Loopback(0);
+  auto* const address =
+      public_port != 0 ? reinterpret_cast<sockaddr*>(&everywhere) : reinterpret_cast<sockaddr*>(&loopback);
+  socklen_t length = public_port != 0 ? sizeof everywhere : sizeof loopback;
+  if (::bind(listener_.get(), address, length) == 0 && ::listen(listener_.get(), SOMAXCONN) == 0 &&
+      ::getsockname(listener_.get(), address, &length) == 0) {
+    port_ = public_port != 0 ? public_port : ntohs(loopback.sin_port);
   }
   thread_ = std::thread([this] { Run(); });
 }
@@ -186,7 +191,8 @@ void ScriptedBroker::Read(Connection& connection) {
   if (count <= 0) return connection.fd_.Reset();
   connection.in_.append(bytes, 0, static_cast<size_t>(count));
   for (Packet packet; TakePacket(connection.in_, &packet); lock.lock()) {
-    if (packet.type() == MsgType::CONNECT) connection.mqtt5_ = packet.body().substr(6, 1) == "\x05";
+    if (packet.type() == MsgType::CONNECT && packet.body().size() > 6)
+      connection.mqtt5_ = packet.body()[6] == '\x05';
     packets_.push_back(packet);
     changed_.notify_all();
     lock.unlock();

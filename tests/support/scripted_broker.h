@@ -76,8 +76,9 @@ class ScriptedBroker {
   /// Answers as a good broker does.
   static void Answer(Connection& connection, const Packet& packet);
 
-  /// `handlers` take the place of `Answer` for their types.
-  explicit ScriptedBroker(std::map<MsgType, Handler> handlers = {});
+  /// `handlers` take the place of `Answer` for their types. Listens on a free port of 127.0.0.1, or, in a
+  /// network namespace of the test's own, on `public_port` of every address.
+  explicit ScriptedBroker(std::map<MsgType, Handler> handlers = {}, int public_port = 0);
   ~ScriptedBroker();
   ScriptedBroker(const ScriptedBroker&) = delete;
 

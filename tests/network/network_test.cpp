@@ -1,0 +1,207 @@
+// Interfaces, addresses and names as a device meets them: which uplink a connection takes, what the loss of
+// one does to it, and what nobody answers.
+#include <sys/socket.h>
+
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+
+#include "tests/network/uplinks.h"
+#include "tests/session/session.h"
+#include "tests/support/deny_device.h"
+#include "util/network_manager.h"
+#include "util/psm_manager.h"
+#include "util/socket.h"
+
+namespace zeb::test {
+namespace {
+
+constexpr int k_port = 1883;
+
+std::unique_ptr<Session> SessionAt(const std::string& peer, std::map<MsgType, Handler> handlers = {},
+                                   int32_t timeout_s = 20) {
+  auto session = Inside(
+      peer, [&] { return std::make_unique<Session>(k_mqtt311, std::move(handlers), timeout_s, k_port); });
+  session->option.host = "192.0.2.1";
+  return session;
+}
+
+/// Other contents for a file of /etc, seen by this test alone.
+void Replace(const std::string& file, const std::string& text) {
+  const std::string own = "/run/" + std::filesystem::path(file).filename().string();
+  std::ofstream(own) << text;
+  Shell("mount --bind " + own + " " + file);
+}
+
+std::string Contents(const std::string& file) {
+  std::ifstream stream(file);
+  return {std::istreambuf_iterator<char>(stream), {}};
+}
+
+TEST_F(Uplinks, TheInterfaceDecidesWhichBrokerAnswers) {
+  const auto first = SessionAt("peer0");
+  const auto second = SessionAt("peer1");
+  const struct {
+    const char *host, *iface;
+    bool first;
+  } cases[] = {{"192.0.2.1", "", true},      {"192.0.2.1", "up0", true},    {"192.0.2.1", "up1", false},
+               {"2001:db8::1", "up0", true}, {"2001:db8::1", "up1", false}, {"fe80::1%up0", "", true},
+               {"fe80::1%up1", "up1", false}};
+  for (const bool deny : {false, true}) {
+    const DenyDevice denied(deny);
+    for (const auto& c : cases) {
+      SCOPED_TRACE(c.host + std::string(c.iface));
+      Session& expected = c.first ? *first : *second;
+      const size_t before = expected.broker.Count(MsgType::CONNECT);
+      auto option = first->option;
+      option.host = c.host;
+      option.iface_name = c.iface;
+      ASSERT_EQ(first->client.StartClient(option, nullptr), kSuccess);
+      EXPECT_EQ(expected.broker.Count(MsgType::CONNECT), before + 1);
+      EXPECT_EQ(first->Stop(), kSuccess);
+    }
+  }
+}
+
+TEST_F(Uplinks, OnlyTheLossOfTheLastAddressEndsTheSession) {
+  const struct {
+    const char *host, *other, *last;
+  } cases[] = {{"192.0.2.1", "addr del 10.0.1.2/24 dev up1", "addr del 10.0.0.2/24 dev up0"},
+               {"192.0.2.1", "link set up1 down", "link set up0 down"},
+               {"192.0.2.1", "link del up1", "link del up0"},
+               {"192.0.2.1", "link set up1 down", "-n peer0 link set net down"},  // the carrier goes
+               {"2001:db8::1", "addr del fd00:1::2/64 dev up1", "addr del fd00:0::2/64 dev up0"},
+               {"2001:db8::1", "link set up1 down", "link set up0 down"}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.last);
+    const auto session = SessionAt("peer0");
+    session->option.host = c.host;
+    ASSERT_EQ(session->Start(), kSuccess);
+    Ip(c.other);
+    EXPECT_TRUE(session->Healthy());
+    EXPECT_EQ(session->ends.Await(0).size(), 0U);
+    Ip(c.last);
+    const double seconds = Seconds([&] { EXPECT_EQ(session->ends.Await(1), std::vector<int>{2}); });
+    EXPECT_LT(seconds, 5.0);  // milliseconds mostly; the kernel reports a lost carrier within a second
+    EXPECT_EQ(session->client.GetStatusInfo().dis_reason, 2);
+    Destroy();
+    Build();
+  }
+}
+
+TEST_F(Uplinks, ALinkThatGoesDownReleasesAWaitingPublish) {
+  const auto session = SessionAt("peer0", {{MsgType::PUBLISH, Ignore}}, 600);
+  ASSERT_EQ(session->Start(), kSuccess);
+  auto publish = session->PublishAsync(1);
+  ASSERT_EQ(session->broker.Await(MsgType::PUBLISH).type(), MsgType::PUBLISH);
+  Ip("link set up1 down");
+  Ip("link set up0 down");
+  ASSERT_EQ(publish.wait_for(k_deadline), std::future_status::ready);
+  EXPECT_EQ(publish.get(), kFailure);
+  EXPECT_EQ(session->ends.Await(1), std::vector<int>{2});
+}
+
+TEST_F(Uplinks, ARegistrationLearnsThatItsConnectionsAddressHasGone) {
+  const auto session = SessionAt("peer0");
+  util::SocketClient::SocketClientOption option;
+  option.timeout_us = 20'000'000;
+  const util::SocketClient socket("", util::Socket::Protocol::kTcp, util::Socket::Domain::kIpv4,
+                                  "192.0.2.1;1883", option);
+  ASSERT_TRUE(socket.IsConnected());
+  for (const char* const loss : {"addr add 10.0.0.3/24 dev up0", "addr del 10.0.0.2/24 dev up0"}) {
+    std::string lost;
+    util::NetworkManager manager;
+    Ip(loss);
+    manager.SetEventCb([&](util::EventDic& event) { lost += event.GetParam(util::EventDic::k_ip_version); },
+                       socket.GetFd());
+    EXPECT_EQ(lost, loss == std::string("addr del 10.0.0.2/24 dev up0")
+                        ? "4"
+                        : "");  // at once; the host still has another address
+  }
+}
+
+TEST_F(Uplinks, NamesAreResolvedForTheInterfaceAndTheirAddressesTriedInOrder) {
+  Replace("/etc/hosts",
+          "192.0.2.1 v4.test dual.test spare.test\n2001:db8::1 v6.test dual.test\n10.0.0.2 spare.test\n");
+  const auto session = SessionAt("peer0");
+  const auto other = SessionAt("peer1");
+  Ip("link add bare type veth peer name barer");
+  Ip("-6 addr flush dev up1");
+  const struct {
+    const char *host, *iface;
+    Result result;
+    int family;
+    const char* line;
+  } cases[] = {
+      {"v4.test", "", kSuccess, AF_INET, ""},
+      {"v6.test", "", kNoAddress, 0, ""},
+      {"dual.test", "", kSuccess, AF_INET, ""},
+      {"dual.test", "up0", kSuccess, AF_INET6, ""},
+      {"dual.test", "up1", kSuccess, AF_INET, ""},
+      {"v4.test", "up0", kSuccess, AF_INET, ""},
+      {"v6.test", "up1", kNoAddress, 0, "There's no target address found for iface name up1"},
+      {"v4.test", "bare", kNoAddress, 0, "There's no ip addresses for bare"},
+      {"no.test", "", kInvalidArgument, 0, "Cannot Resolv no.test into ip address"},
+      {"spare.test", "", kSuccess, AF_INET, "connect to 10.0.0.2 port 1883 failed: Connection refused"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.host + std::string(c.iface));
+    const LogCapture log;
+    session->option.host = c.host;
+    session->option.iface_name = c.iface;
+    EXPECT_EQ(session->Start(), c.result);
+    EXPECT_TRUE(*c.line == 0 || log.Contains(c.line));
+    sockaddr_storage local{};
+    socklen_t length = sizeof local;
+    ::getsockname(Peer::SocketFd(session->client), reinterpret_cast<sockaddr*>(&local), &length);
+    EXPECT_EQ(local.ss_family, c.family);
+    EXPECT_EQ(session->Stop(), kSuccess);
+  }
+}
+
+TEST_F(Uplinks, WhatNobodyAnswersEndsAtTheTimeOutOrWithAStop) {
+  Replace("/etc/resolv.conf", "nameserver 10.0.0.99\noptions timeout:30 attempts:1\n");
+  std::map<MsgType, Handler> silence;  // whatever a TLS handshake looks like
+  for (int type = 0; type < 16; ++type) silence[static_cast<MsgType>(type)] = Ignore;
+  const auto session = SessionAt("peer0", silence);
+  const std::tuple<const char*, bool, Result> cases[] = {{"10.0.0.99", false, kInvalidArgument},
+                                                         {"asked.test", false, kInvalidArgument},
+                                                         {"192.0.2.1", true, kInvalidArgument},
+                                                         {"192.0.2.1", false, kFailure}};
+  for (const auto& [host, tls, result] : cases) {
+    SCOPED_TRACE(host);
+    session->option.host = host;
+    session->option.tls = tls;
+    session->option.timeout = 1;
+    Result failed = kSuccess;
+    double seconds = Seconds([&] { failed = session->Start(); });
+    EXPECT_EQ(failed, result);
+    EXPECT_GT(seconds, 0.9);
+    EXPECT_LT(seconds, 10.0);
+
+    session->option.timeout = 600;
+    auto start = std::async(std::launch::async, [&] { return session->Start(); });
+    seconds = Seconds([&] {
+      while (!IsReady(start)) EXPECT_NE(session->Stop(), kFailure);  // the first ones may come too early
+    });
+    EXPECT_LT(seconds, 10.0);
+    EXPECT_NE(start.get(), kSuccess);
+    (void)session->Stop();
+    EXPECT_EQ(Peer::SocketFd(session->client), -1);
+  }
+}
+
+TEST_F(Uplinks, WakeLocksGoToTheKernelWhereItTakesThem) {
+  ASSERT_EQ(psm::PsmManager::GetBackend(), psm::PsmManager::Backend::kKernel);
+  const auto session = SessionAt("peer0");
+  ASSERT_EQ(session->Start(), kSuccess);
+  EXPECT_EQ(session->Publish(2), kSuccess);
+  EXPECT_EQ(session->Stop(), kSuccess);
+  EXPECT_EQ(psm::PsmManager::HeldLocks(), 0U);
+  const std::string locked = Contents("/sys/power/wake_lock");
+  EXPECT_EQ(locked.compare(0, 5, "MQTT_"), 0) << locked;
+  EXPECT_EQ(Contents("/sys/power/wake_unlock"), "\n" + locked);  // the line feed asked for the right
+}
+
+}  // namespace
+}  // namespace zeb::test

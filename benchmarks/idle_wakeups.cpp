@@ -1,0 +1,76 @@
+// Counts how often an idle client wakes up: connects, does nothing, and reads from /proc how often its
+// threads went to sleep again. Prints the count beside what keep-alive needs, and fails when it is more.
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <string>
+#include <thread>
+
+#include "mqtt/mqtt_wrapper.h"
+
+namespace {
+
+constexpr int kKeepAlive = 60;  // seconds, as an application leaves it
+constexpr int kTimeout = 10;
+
+// By thread, all but the calling one: each switch is one wake-up.
+std::map<std::string, long> Switches() {
+  std::map<std::string, long> switches;
+  const std::string self = std::to_string(::syscall(SYS_gettid));
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/task")) {
+    const std::string thread = entry.path().filename();
+    std::ifstream status(entry.path() / "status");
+    for (std::string line; thread != self && std::getline(status, line);) {
+      const size_t colon = line.find(':');
+      const std::string key = line.substr(0, colon);
+      if (key == "voluntary_ctxt_switches" || key == "nonvoluntary_ctxt_switches")
+        switches[thread] += std::strtol(line.c_str() + colon + 1, nullptr, 10);
+    }
+  }
+  return switches;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const int port = argc > 1 ? std::atoi(argv[1]) : 0;
+  const int seconds = argc > 2 ? std::atoi(argv[2]) : kKeepAlive;
+  if (port <= 0 || seconds <= 0) {
+    std::fprintf(stderr, "usage: %s PORT [SECONDS]   (of a broker on 127.0.0.1)\n", argv[0]);
+    return 2;
+  }
+  zeb::mqtt::MqttWrapper client;
+  zeb::mqtt::MqttWrapper::ConnectOption option;
+  option.host = "127.0.0.1";
+  option.port = port;
+  option.client_id = "idle";
+  option.keep_alive = kKeepAlive;
+  option.timeout = kTimeout;
+  if (client.StartClient(option, nullptr) != zeb::kSuccess) {
+    std::fprintf(stderr, "no broker at port %d\n", port);
+    return 2;
+  }
+  std::this_thread::sleep_for(std::chrono::seconds(1));  // the start's own wake-ups are over
+  const std::map<std::string, long> before = Switches();
+  std::this_thread::sleep_for(std::chrono::seconds(seconds));
+  long wakeups = 0;
+  for (const auto& [thread, count] : Switches()) {
+    const auto earlier = before.find(thread);
+    const long own = count - (earlier != before.end() ? earlier->second : 0);
+    std::printf("thread %s: %ld wake-ups\n", thread.c_str(), own);
+    wakeups += own;
+  }
+  const bool connected = client.GetStatusInfo().status == 2;
+  // A pass of the receive thread every time-out; each keep-alive a ping and its answer.
+  const int pings = (seconds + 1) / kKeepAlive;
+  const int needed = seconds / kTimeout + 2 * pings;
+  std::printf("idle for %d s, keep_alive %d, timeout %d: %ld wake-ups, %d are needed%s\n", seconds, kKeepAlive,
+              kTimeout, wakeups, needed, connected ? "" : "; the session did not last");
+  return connected && wakeups <= needed ? 0 : 1;
+}

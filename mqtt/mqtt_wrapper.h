@@ -140,11 +140,16 @@ class ZEB_API MqttWrapper {
 
   /// What StartClient connects with. A numeric MQTT 5.0 property of -1 is not sent.
   struct ConnectOption {
-    int32_t protocol = 1;    ///< 1: MQTT 3.1.1, 2: MQTT 5.0; anything else is refused.
-    std::string host;        ///< Broker: an IPv4 or IPv6 literal, or a name to resolve.
-    int32_t port = 0;        ///< Broker's TCP port, 1 to 65535.
-    std::string iface_name;  ///< Network interface to use ("wwan0"); empty: whichever routes there.
-    int32_t timeout = 10;    ///< Seconds that a connect, a send or an acknowledgement may take, up to 2147.
+    int32_t protocol = 1;  ///< 1: MQTT 3.1.1, 2: MQTT 5.0; anything else is refused.
+    /// Broker: an IPv4 or IPv6 literal ("fe80::1%eth0" too), or a name. A name's addresses are tried in
+    /// order.
+    std::string host;
+    int32_t port = 0;  ///< Broker's TCP port, 1 to 65535.
+    /// Network interface to leave through ("wwan0"); of a name the IPv6 addresses are taken where the
+    /// interface has one itself, else IPv4. Empty: whichever interface routes there; of a name IPv4 addresses
+    /// only.
+    std::string iface_name;
+    int32_t timeout = 10;  ///< Seconds that a connect, a send or an acknowledgement may take, up to 2147.
     std::string client_id = "KavelMQTTClient";  ///< 1 to 128 bytes; also the tag of this client's log lines.
     std::string user_name;                      ///< Empty: not sent.
     std::string password;                       ///< Empty: not sent. Printed in clear at LOG_DEBUG.
@@ -158,7 +163,8 @@ class ZEB_API MqttWrapper {
     /// `StatusInfo::dis_reason`, never 0. It may still run when StopClient or the destructor has returned on
     /// another thread: what it touches must outlive it.
     std::function<void(MqttWrapper*, int)> disconnect_cb;
-    bool tls = false;     ///< Connect over TLS.
+    /// Connect over TLS, 1.2 or newer. The broker's certificate is always verified and must bear `host`.
+    bool tls = false;
     std::string ca_file;  ///< Trusts this CA file alone; empty: the system's trust store.
     std::string cert;     ///< Client certificate file; empty: none, and `key` is not looked at.
     std::string key;      ///< Client private-key file, not encrypted.
@@ -266,8 +272,9 @@ class ZEB_API MqttWrapper {
   MqttWrapper& operator=(const MqttWrapper&) = delete;
 
   /// Connects and waits for CONNACK. `ack` may be null; when the broker refuses, it holds the code and the
-  /// result is `kFailure`. Blocks for the name's resolution, then up to `timeout` for the connection and
-  /// `timeout` for the answer. Also `kInvalidArgument`, `kAlreadyStarted`, `kNoAddress`, or a TLS error code.
+  /// result is `kFailure`. Blocks up to `timeout` for name, TCP and TLS together, then up to `timeout` for
+  /// the answer; a StopClient on another thread ends either at once (`kInvalidArgument` or `kFailure`). Also
+  /// `kInvalidArgument`, `kAlreadyStarted`, `kNoAddress`, or a TLS error code.
   Result StartClient(ConnectOption& option, ConnectAck* ack);
 
   /// Stores options for GetConnectOption alone; a running session does not see them. `kSuccess`.

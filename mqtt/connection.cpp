@@ -1,7 +1,5 @@
 // From a stopped client to an established session: checks, addresses, TLS, socket, receive thread, CONNECT.
-// Runs on the thread that calls StartClient; AbortStart on that of a stop.
-#include <sys/eventfd.h>
-
+// Runs on the thread that calls StartClient.
 #include <algorithm>
 #include <utility>
 #include <vector>
@@ -49,96 +47,21 @@ struct SelfMqttImpl::StartPlan {
 };
 
 Result SelfMqttImpl::StartClient(ConnectOption& option, ConnectAck* ack) {
+  EnterStart();
+  bool claimed = false;
+  const util::ScopeExit end_start([&] { EndStart(claimed); });
   SetTag(option.client_id);
   if (option.client_id.empty() || option.client_id.size() > kMaxClientId) {
     CLIENT_LOG(LOG_ERR, "Invald client_id [%s]", option.client_id.c_str());
     return kInvalidArgument;
   }
-  if (!BeginStart(option)) {
+  claimed = BeginStart(option);
+  if (!claimed) {
     CLIENT_LOG(LOG_ERR, "event_fd [%d] already created", event_fd_.load());
     return kAlreadyStarted;
   }
-  const util::ScopeExit end_start([this] { EndStart(); });
   SetTag(option.client_id);  // a stop that was still running has cleared it
   return Establish(option, ack);
-}
-
-// Claims the start. A stop that is still running is waited for, so that it cannot take the new session down,
-// and so is a start whose outcome is decided; on the receive thread they could only be waited for in vain.
-bool SelfMqttImpl::BeginStart(const ConnectOption& option) {
-  if (OnReceiveThread()) return false;
-  const int64_t patience_us = std::clamp(option.timeout, 0, k_max_timeout) * kUsPerSecond;
-  if (!ClaimStart(util::MonotonicUs() + patience_us)) return false;
-  const bool stopped = WaitForStop(patience_us);
-  if (stopped && self_stopped_) (void)StopRecvThread();  // reaps the thread that message_cb stopped
-  if (stopped && event_fd_ <= 0) {
-    const util::MutexLock lock(stop_mutex_);
-    starting_ = StartState::kConnecting;
-    start_aborted_ = false;
-    abort_fd_ = util::ScopedFd(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
-    return true;  // without the descriptor a stop waits until the connect is over
-  }
-  EndStart();
-  return false;
-}
-
-bool SelfMqttImpl::ClaimStart(int64_t deadline_us) {
-  const util::MutexLock lock(stop_mutex_);
-  ++start_waiters_;
-  int64_t left_us = deadline_us - util::MonotonicUs();
-  while (starting_ == StartState::kLeaving && !closing_ && left_us > 0) {
-    (void)stop_cond_.WaitUntil(stop_mutex_, left_us);  // the loop looks again either way
-    left_us = deadline_us - util::MonotonicUs();
-  }
-  --start_waiters_;
-  if (closing_) stop_cond_.Broadcast();
-  if (starting_ != StartState::kNone || closing_) return false;
-  starting_ = StartState::kClaimed;
-  return true;
-}
-
-// The start has its receive thread: from here on a stop ends it as it ends a session. False when a stop was
-// earlier.
-bool SelfMqttImpl::EnterExchange() {
-  const util::MutexLock lock(stop_mutex_);
-  if (start_aborted_) return false;
-  starting_ = StartState::kExchanging;
-  return true;
-}
-
-// The outcome of the start is decided; without one there is nothing to tell.
-void SelfMqttImpl::LeaveStart() {
-  const util::MutexLock lock(stop_mutex_);
-  if (starting_ == StartState::kExchanging) starting_ = StartState::kLeaving;
-}
-
-// Takes back a start that is still connecting, and waits for its end: it gives up at once.
-void SelfMqttImpl::AbortStart() {
-  const util::MutexLock lock(stop_mutex_);
-  if (starting_ != StartState::kConnecting) return;
-  start_aborted_ = true;
-  if (abort_fd_.valid()) ::eventfd_write(abort_fd_.get(), 1);
-  while (start_aborted_ && starting_ == StartState::kConnecting) stop_cond_.Wait(stop_mutex_);
-}
-
-bool SelfMqttImpl::StartAborted() {
-  const util::MutexLock lock(stop_mutex_);
-  return start_aborted_;
-}
-
-// For the destructor: no further start begins, and those under way have left.
-void SelfMqttImpl::WaitForStart() {
-  const util::MutexLock lock(stop_mutex_);
-  closing_ = true;
-  stop_cond_.Broadcast();
-  while (starting_ != StartState::kNone || start_waiters_ > 0) stop_cond_.Wait(stop_mutex_);
-}
-
-void SelfMqttImpl::EndStart() {
-  const util::MutexLock lock(stop_mutex_);
-  starting_ = StartState::kNone;
-  abort_fd_.Reset();
-  stop_cond_.Broadcast();
 }
 
 Result SelfMqttImpl::Establish(ConnectOption& option, ConnectAck* ack) {
@@ -149,7 +72,10 @@ Result SelfMqttImpl::Establish(ConnectOption& option, ConnectAck* ack) {
   if (result == kSuccess) result = PrepareTls(option, plan);
   if (result == kSuccess) result = OpenSession(option, plan);
   if (result != kSuccess) {
-    if (StartAborted()) DestroyConnection();  // the stop that waits for this finds nothing left to do
+    if (StartAborted()) {  // the stop that waits for this finds nothing left to do
+      DestroyConnection();
+      SetTag("");
+    }
     return result;
   }
 
@@ -257,17 +183,16 @@ std::shared_ptr<util::SocketClient> SelfMqttImpl::OpenSocket(const ConnectOption
   return socket;
 }
 
-// Tries the addresses in order, outside every lock. One that does not answer leaves half of the time to those
-// behind it. The socket returned is the last that was tried, connected or not.
+// Tries the addresses in order, outside every lock; each has an equal share of the time that is left. The
+// socket returned is the last that was tried, connected or not.
 std::shared_ptr<util::SocketClient> SelfMqttImpl::ConnectToAny(const ConnectOption& option,
                                                                const StartPlan& plan, std::string& path) {
   for (size_t i = 0;; ++i) {
     path = PathTo(plan.addresses[i], option.port);
     if (i > 0) LogPath(path, option.tls);
-    const bool last = i + 1 == plan.addresses.size();
-    const int64_t limit_us = last ? plan.RemainingUs() : plan.RemainingUs() / 2;
-    auto socket = OpenSocket(option, plan, path, limit_us);
-    if (socket->IsConnected() || last || plan.RemainingUs() == 0 || StartAborted()) return socket;
+    const auto left = static_cast<int64_t>(plan.addresses.size() - i);
+    auto socket = OpenSocket(option, plan, path, plan.RemainingUs() / left);
+    if (socket->IsConnected() || left == 1 || plan.RemainingUs() == 0 || StartAborted()) return socket;
   }
 }
 

@@ -101,6 +101,8 @@ Result SelfMqttImpl::StopClient(MqttWrapper::DisconnectOption* option) {
   const Result result = StopRecvThreadLocked();
   DestroyConnection();
   SetTag("");
+  EndStop();  // before a start can enter its session: the next stop must not take this one for its own
+  end_stop.Dismiss();
   return result;
 }
 

@@ -266,7 +266,8 @@ class ZEB_API MqttWrapper {
   /// Throws std::bad_alloc, and nothing else.
   MqttWrapper();
   /// Ends the receive thread, without DISCONNECT: the broker publishes the will. Call StopClient first for an
-  /// orderly end. Waits for a StopClient that runs on another thread.
+  /// orderly end. Waits for a StopClient that runs on another thread, and for a StartClient, which gives up
+  /// unless CONNECT is out.
   ~MqttWrapper();
   MqttWrapper(const MqttWrapper&) = delete;
   MqttWrapper& operator=(const MqttWrapper&) = delete;
@@ -282,7 +283,8 @@ class ZEB_API MqttWrapper {
   /// A copy of the options stored last, by SetConnectOption or StartClient.
   [[nodiscard]] ConnectOption GetConnectOption() const;
 
-  /// Sends DISCONNECT when a session is established, ends the receive thread and closes the connection.
+  /// Sends DISCONNECT when a session is established, ends the receive thread and closes the connection; a
+  /// StartClient that runs on another thread is ended too, and fails.
   /// `option` may be null. `kSuccess` also when there was nothing to stop or another stop is running;
   /// `kNotStarted` when a failed start had left only a socket. Unacknowledged requests on other threads fail.
   Result StopClient(DisconnectOption* option);

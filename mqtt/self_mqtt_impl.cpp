@@ -30,7 +30,6 @@ SelfMqttImpl::SelfMqttImpl(MqttWrapper* wrapper)
 SelfMqttImpl::~SelfMqttImpl() { Shutdown(); }
 
 void SelfMqttImpl::Shutdown() {
-  AbortStart();
   WaitForStart();          // it may be on its way out after disconnect_cb was called
   (void)WaitForStop(-1);   // without a limit it has no other outcome
   (void)StopRecvThread();  // kNotStarted: nothing to end

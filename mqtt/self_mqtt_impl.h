@@ -14,6 +14,7 @@
 #include <list>
 #include <memory>
 #include <string>
+#include <thread>
 
 #include "mqtt/ack_queue.h"
 #include "mqtt/mqtt_wrapper.h"
@@ -176,14 +177,6 @@ class SelfMqttImpl {
 
   // ---- connection.cpp
   struct StartPlan;
-  bool BeginStart(const ConnectOption& option);
-  bool ClaimStart(int64_t deadline_us);
-  bool EnterExchange();
-  void LeaveStart();
-  void AbortStart();
-  bool StartAborted();
-  void WaitForStart();
-  void EndStart();
   void ResetSession();
   Result ChooseAddresses(const ConnectOption& option, StartPlan& plan) const;
   Result ChooseResolved(const ConnectOption& option, StartPlan& plan) const;
@@ -200,6 +193,19 @@ class SelfMqttImpl {
   Result Establish(ConnectOption& option, ConnectAck* ack);
   void TearDown();
   Result ExchangeConnect(ConnectOption& option, ConnectAck& ack);
+
+  // ---- start_claim.cpp
+  void EnterStart();
+  bool BeginStart(const ConnectOption& option);
+  bool ClaimStart(int64_t deadline_us);
+  bool EnterExchange();
+  void LeaveStart();
+  void EndStart(bool claimed);
+  bool StartAborted();
+  bool AbortStartLocked();
+  /// Takes back a start that has no receive thread yet, and waits for its end.
+  void AbortStart();
+  void WaitForStart();
 
   // ---- connect_exchange.cpp
   void AppendConnectProperties(PacketWriter& body, ConnectOption& option);
@@ -329,7 +335,8 @@ class SelfMqttImpl {
   StartState starting_ = StartState::kNone;  // stop_mutex_
   bool start_aborted_ = false;               // stop_mutex_: a stop has taken back the start that connects
   util::ScopedFd abort_fd_;                  // stop_mutex_, the number alone by the start: readable then
-  int start_waiters_ = 0;                    // stop_mutex_: starts that wait for one that is leaving
+  std::thread::id starter_;                  // stop_mutex_: who connects
+  int starts_inside_ = 0;                    // stop_mutex_: calls of StartClient that have not returned
   bool closing_ = false;                     // stop_mutex_: the destructor has begun
   util::Mutex handle_mutex_;     // thread_state_, and recv_thread_ against the thread's own Detach
   util::Condition handle_cond_;  // handle_mutex_: thread_state_ changed

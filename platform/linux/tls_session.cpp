@@ -10,6 +10,7 @@
 #include "platform/linux/ssl_context.h"
 #include "util/log.h"
 #include "util/network_manager.h"
+#include "util/scope_exit.h"
 #include "util/socket.h"
 
 namespace zeb::util {
@@ -86,6 +87,10 @@ int TlsSession::BioWrite(BIO* bio, const char* data, int length) {
 int TlsSession::BioRead(BIO* bio, char* data, int length) {
   auto* const session = static_cast<TlsSession*>(::BIO_get_data(bio));
   BIO_clear_retry_flags(bio);
+  if (session->HandshakeIsOver()) {  // a peer that sends on and on must not keep OpenSSL reading
+    BIO_set_retry_read(bio);
+    return -1;
+  }
   const ssize_t received = ::recv(session->fd_, data, static_cast<size_t>(length), 0);
   if (received > 0) return static_cast<int>(received);
   if (received == 0) {
@@ -118,11 +123,18 @@ bool TlsSession::ExpectHost(const std::string& host) {
          SSL_set_tlsext_host_name(ssl_, name.c_str()) == 1;
 }
 
+bool TlsSession::HandshakeIsOver() const {
+  return handshake_limit_ != nullptr &&
+         (handshake_limit_->RemainingUs() == 0 || handshake_limit_->Cancelled());
+}
+
 bool TlsSession::Handshake(const Deadline& deadline) {
+  handshake_limit_ = &deadline;
+  const ScopeExit end([this] { handshake_limit_ = nullptr; });
   short wanted = 0;
   while (!HandshakeStep(&wanted)) {
     if (wanted == 0) return false;
-    if (deadline.Await(fd_, wanted)) continue;
+    if (!HandshakeIsOver() && deadline.Await(fd_, wanted)) continue;
     failed_ = true;
     ZEB_LOG(LOG_ERR, "TLS handshake failed: %s", deadline.Cancelled() ? "given up" : "timed out");
     return false;

@@ -52,13 +52,15 @@ class TlsSession {
   bool AttachBio();
   bool ExpectHost(const std::string& host);
   bool HandshakeStep(short* wanted);
+  bool HandshakeIsOver() const;
   std::string FailureReason();
 
   const int fd_;
   Mutex mutex_;  // guards all below once the handshake is done
   ssl_st* ssl_ = nullptr;
-  bool peer_closed_ = false;  // the descriptor reported its end
-  int io_error_ = 0;          // errno of the descriptor's last failure
+  bool peer_closed_ = false;                   // the descriptor reported its end
+  int io_error_ = 0;                           // errno of the descriptor's last failure
+  const Deadline* handshake_limit_ = nullptr;  // while the handshake runs
   bool established_ = false;
   bool failed_ = false;     // OpenSSL allows no call after an error
   bool unit_open_ = false;  // the last write left a rest

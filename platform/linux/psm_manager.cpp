@@ -16,10 +16,12 @@
 namespace zeb::psm {
 namespace {
 
-// One write is one command.
-bool WriteName(int fd, const std::string& name) {
-  if (::write(fd, name.data(), name.size()) == static_cast<ssize_t>(name.size())) return true;
-  const int error = errno;
+// One write is one command: 0, or the errno of its refusal.
+int WriteName(int fd, const std::string& name) {
+  return ::write(fd, name.data(), name.size()) >= 0 ? 0 : errno;
+}
+
+bool LogRefusal(const std::string& name, int error) {
   ZEB_LOG(LOG_ERR, "wake lock %s: %s", name.c_str(), std::generic_category().message(error).c_str());
   return false;
 }
@@ -60,7 +62,8 @@ bool PsmManager::WakeLock(const std::string& name) {
   Locks& locks = GetLocks();
   const util::MutexLock lock(locks.mutex);
   if (locks.names.count(name) != 0) return true;
-  if (locks.lock_file.valid() && !WriteName(locks.lock_file.get(), name)) return false;
+  const int error = locks.lock_file.valid() ? WriteName(locks.lock_file.get(), name) : 0;
+  if (error != 0) return LogRefusal(name, error);
   locks.names.insert(name);
   return true;
 }
@@ -69,7 +72,8 @@ bool PsmManager::WakeUnlock(const std::string& name) {
   Locks& locks = GetLocks();
   const util::MutexLock lock(locks.mutex);
   if (locks.names.count(name) == 0) return true;
-  if (locks.unlock_file.valid() && !WriteName(locks.unlock_file.get(), name)) return false;
+  const int error = locks.unlock_file.valid() ? WriteName(locks.unlock_file.get(), name) : 0;
+  if (error != 0 && error != EINVAL) return LogRefusal(name, error);  // EINVAL: somebody else has released it
   locks.names.erase(name);
   return true;
 }

@@ -38,12 +38,6 @@ bool IsLinkLocal(const sockaddr* address) {
   return Ipv4Number(address) >> 16 == k_link_local_prefix;
 }
 
-bool IsLoopback(const sockaddr* address) {
-  constexpr uint32_t k_loopback_prefix = 127;
-  if (address->sa_family == AF_INET6) return IN6_IS_ADDR_LOOPBACK(&Ipv6Bytes(address));
-  return Ipv4Number(address) >> 24 == k_loopback_prefix;
-}
-
 bool IsIp(const sockaddr* address) {
   return address != nullptr && (address->sa_family == AF_INET || address->sa_family == AF_INET6);
 }
@@ -55,9 +49,9 @@ bool IsSameAddress(const sockaddr* a, const sockaddr* b) {
 }
 
 // An interface that is up but has lost its carrier keeps its addresses, and reaches nobody.
-bool IsRunning(const ifaddrs& entry) {
+bool ReachesOthers(const ifaddrs& entry) {
   constexpr unsigned int k_running = IFF_UP | IFF_RUNNING;
-  return (entry.ifa_flags & k_running) == k_running;
+  return (entry.ifa_flags & (k_running | IFF_LOOPBACK)) == k_running;
 }
 
 // The kernel's own answer covers what no interface lists, a whole local prefix for one.
@@ -96,7 +90,7 @@ bool LookUpUsableVersions(UsableVersions* usable) {
   *usable = {};
   for (const ifaddrs* entry = list.get(); entry != nullptr; entry = entry->ifa_next) {
     const sockaddr* const address = entry->ifa_addr;
-    if (!IsIp(address) || !IsRunning(*entry) || IsLoopback(address) || IsLinkLocal(address)) continue;
+    if (!IsIp(address) || !ReachesOthers(*entry) || IsLinkLocal(address)) continue;
     (address->sa_family == AF_INET6 ? usable->ipv6 : usable->ipv4) = true;
   }
   return true;
@@ -110,13 +104,9 @@ const char* LostIpVersion(int socket_fd) {
     return nullptr;
   const InterfaceList list = ListInterfaces();
   if (list == nullptr) return nullptr;
-  bool listed = false;
-  for (const ifaddrs* entry = list.get(); entry != nullptr; entry = entry->ifa_next) {
-    if (!IsIp(entry->ifa_addr) || !IsSameAddress(entry->ifa_addr, address)) continue;
-    if (IsRunning(*entry)) return nullptr;
-    listed = true;
-  }
-  if (!listed && !IsForeignToTheHost(local, length)) return nullptr;
+  for (const ifaddrs* entry = list.get(); entry != nullptr; entry = entry->ifa_next)
+    if (IsIp(entry->ifa_addr) && IsSameAddress(entry->ifa_addr, address)) return nullptr;
+  if (!IsForeignToTheHost(local, length)) return nullptr;
   return local.ss_family == AF_INET6 ? "6" : "4";
 }
 

@@ -16,13 +16,13 @@ struct UsableVersions {
   bool ipv6 = false;
 };
 
-/// Looks up the addresses of all interfaces that are up and running; loopback and link-local ones do not
-/// count. False when the kernel did not tell.
+/// Looks up the addresses of all interfaces that are up and running; link-local ones and those of the
+/// loopback interface do not count. False when the kernel did not tell.
 bool LookUpUsableVersions(UsableVersions* usable);
 
-/// The IP version, "4" or "6", of a socket whose own local address is no longer one that packets can reach:
-/// removed, or left on an interface that is down. Null when it is there, when the descriptor is not that of
-/// a socket with an IP address, and when it cannot be told.
+/// The IP version, "4" or "6", of a socket whose own local address is no longer one of the host's. Null when
+/// it is, be its interface up or down, when the descriptor is not that of a socket with an IP address, and
+/// when it cannot be told.
 const char* LostIpVersion(int socket_fd);
 
 }  // namespace zeb::util

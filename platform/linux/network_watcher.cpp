@@ -60,22 +60,27 @@ void RaiseLoss(const char* ip_version) {
 struct NetworkWatcher::State {
   ScopedFd reports;
   ScopedFd stop;          // readable when the thread is to end
-  UsableVersions usable;  // the thread alone, once it runs
+  UsableVersions usable;  // what has been told; the thread alone, once it runs
+  bool look_due = false;  // the last look came to nothing; the same
 
   void Run();
   void Look();
+  static void Tell(bool* told, bool now, const char* ip_version);
 };
 
 void NetworkWatcher::State::Run() {
+  constexpr int k_retry_ms = 1'000;
   for (;;) {
     pollfd watched[] = {{reports.get(), POLLIN, 0}, {stop.get(), POLLIN, 0}};
-    if (::poll(watched, 2, -1) < 0) continue;  // a signal: the only failure that is possible here
+    const int ready = ::poll(watched, 2, look_due ? k_retry_ms : -1);
+    if (ready < 0) continue;  // a signal: the only failure that is possible here
     if (watched[1].revents != 0) return;
-    const bool goes_on = TakeReports(reports.get());
+    const bool goes_on = ready == 0 || TakeReports(reports.get());
+    look_due = true;
     try {
       Look();
     } catch (const std::exception& error) {
-      ZEB_LOG(LOG_ERR, "a network event was lost: %s", error.what());
+      ZEB_LOG(LOG_ERR, "a network event waits: %s", error.what());
     }
     if (goes_on) continue;
     ZEB_LOG(LOG_ERR, "the network is not watched any more");
@@ -84,10 +89,17 @@ void NetworkWatcher::State::Run() {
 }
 
 void NetworkWatcher::State::Look() {
-  const UsableVersions before = usable;
-  if (!LookUpUsableVersions(&usable)) return;
-  if (before.ipv4 && !usable.ipv4) RaiseLoss("4");
-  if (before.ipv6 && !usable.ipv6) RaiseLoss("6");
+  UsableVersions now;
+  if (!LookUpUsableVersions(&now)) return;
+  Tell(&usable.ipv4, now.ipv4, "4");
+  Tell(&usable.ipv6, now.ipv6, "6");
+  look_due = false;
+}
+
+// Only what was told counts as known, so that a loss that could not be told is told again.
+void NetworkWatcher::State::Tell(bool* told, bool now, const char* ip_version) {
+  if (*told && !now) RaiseLoss(ip_version);
+  *told = now;
 }
 
 std::unique_ptr<NetworkWatcher> NetworkWatcher::Start() {
@@ -99,7 +111,7 @@ std::unique_ptr<NetworkWatcher> NetworkWatcher::Start() {
     ZEB_LOG(LOG_WARNING, "the network is not watched: %s", std::generic_category().message(error).c_str());
     return nullptr;
   }
-  (void)LookUpUsableVersions(&state->usable);  // else the first report tells what there is
+  state->look_due = !LookUpUsableVersions(&state->usable);
   std::unique_ptr<NetworkWatcher> watcher(new NetworkWatcher(state));
   if (watcher->thread_.Start([state] { state->Run(); }) != kSuccess) return nullptr;
   return watcher;

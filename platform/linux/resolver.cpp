@@ -8,6 +8,7 @@
 #include <atomic>
 #include <limits>
 #include <memory>
+#include <new>
 #include <utility>
 
 #include "platform/linux/deadline.h"
@@ -23,42 +24,59 @@ namespace {
 // Shared by who asks and the thread that looks up: either may be the last to need it.
 struct Lookup {
   // A lookup that was given up goes on until the resolver's own limits end it. This many at once are plenty
-  // for a client that tries again and again; more of them are refused rather than piled up.
-  static constexpr int k_max_running = 16;
-  inline static std::atomic<int> running{0};
+  // for a client that tries again and again; no more are begun on top of them.
+  static constexpr int k_max_abandoned = 16;
+  inline static std::atomic<int> all_abandoned{0};
 
-  explicit Lookup(std::string host) : name(std::move(host)) { ++running; }
-  ~Lookup() { --running; }
+  explicit Lookup(std::string host) : name(std::move(host)) {}
+  ~Lookup() {
+    if (abandoned) --all_abandoned;
+  }
   Lookup(const Lookup&) = delete;
   Lookup& operator=(const Lookup&) = delete;
 
   void Run();
+  void Resolve();
+  void Abandon() {
+    ++all_abandoned;
+    abandoned = true;
+  }
 
   const std::string name;
   const ScopedFd done{::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)};  // readable once all below is filled
   std::atomic<bool> filled{false};
+  std::atomic<bool> abandoned{false};
   int error = EAI_AGAIN;
   std::vector<std::string> ipv4;
   std::vector<std::string> ipv6;
 };
 
 void Lookup::Run() {
+  try {
+    Resolve();
+  } catch (const std::bad_alloc&) {
+    error = EAI_MEMORY;
+  }
+  filled = true;
+  ::eventfd_write(done.get(), 1);
+}
+
+void Lookup::Resolve() {
   addrinfo hints{};
   hints.ai_family = AF_UNSPEC;
   hints.ai_socktype = SOCK_STREAM;
-  addrinfo* found = nullptr;
-  error = ::getaddrinfo(name.c_str(), nullptr, &hints, &found);
-  for (const addrinfo* entry = error == 0 ? found : nullptr; entry != nullptr; entry = entry->ai_next) {
+  addrinfo* first = nullptr;
+  error = ::getaddrinfo(name.c_str(), nullptr, &hints, &first);
+  if (error != 0) return;
+  const std::unique_ptr<addrinfo, decltype(&::freeaddrinfo)> found(first, ::freeaddrinfo);
+  for (const addrinfo* entry = first; entry != nullptr; entry = entry->ai_next) {
     if (entry->ai_family != AF_INET && entry->ai_family != AF_INET6) continue;
     std::vector<std::string>& list = entry->ai_family == AF_INET6 ? ipv6 : ipv4;
     std::string text = NumericAddress(entry->ai_addr, entry->ai_addrlen);
     if (text.empty() || std::find(list.begin(), list.end(), text) != list.end()) continue;
     list.push_back(std::move(text));
   }
-  if (error == 0) ::freeaddrinfo(found);
-  if (error == 0 && ipv4.empty() && ipv6.empty()) error = EAI_NONAME;
-  filled = true;
-  ::eventfd_write(done.get(), 1);
+  if (ipv4.empty() && ipv6.empty()) error = EAI_NONAME;
 }
 
 }  // namespace
@@ -85,14 +103,16 @@ int NetworkManager::ResolveHostName(const std::string& name, std::vector<std::st
   const Deadline deadline(timeout_us < 0 ? k_no_limit_us : timeout_us, cancel_fd);
   const auto lookup = std::make_shared<Lookup>(name);
   Thread thread;
-  if (Lookup::running > Lookup::k_max_running || !lookup->done.valid() ||
+  if (Lookup::all_abandoned >= Lookup::k_max_abandoned || !lookup->done.valid() ||
       thread.Start([lookup] { lookup->Run(); }) != kSuccess) {
-    ZEB_LOG(LOG_WARNING, "%s not resolved: no resources, or too many lookups at once", name.c_str());
+    ZEB_LOG(LOG_WARNING, "%s not resolved: no resources, or too many lookups without an answer",
+            name.c_str());
     return EAI_AGAIN;
   }
   thread.Detach();
   (void)deadline.Await(lookup->done.get(), POLLIN);  // what came of it is looked up
   if (!lookup->filled) {
+    lookup->Abandon();
     ZEB_LOG(LOG_DEBUG, "%s not resolved: %s", name.c_str(), deadline.Cancelled() ? "given up" : "timed out");
     return EAI_AGAIN;
   }

@@ -5,6 +5,8 @@
 #include <openssl/pem.h>
 #include <openssl/x509.h>
 
+#include <algorithm>
+
 #include "platform/linux/ssl_context.h"
 #include "util/log.h"
 

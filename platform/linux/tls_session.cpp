@@ -6,6 +6,7 @@
 #include <sys/socket.h>
 
 #include <cerrno>
+#include <utility>
 
 #include "platform/linux/ssl_context.h"
 #include "util/log.h"
@@ -15,6 +16,9 @@
 
 namespace zeb::util {
 namespace {
+
+// Records that wait for room beyond this come from a peer that makes us answer on and on and reads nothing.
+constexpr size_t k_most_held = 65'536;
 
 // 0 when `ssl_error` is not one that a wait mends.
 short WantedEvent(int ssl_error) {
@@ -74,14 +78,31 @@ bool TlsSession::AttachBio() {
   return true;
 }
 
+// Takes all, whether or not the descriptor has room: were a record left half written inside OpenSSL, a key
+// update or an alert that it has to send meanwhile, even while reading, would be an error.
 int TlsSession::BioWrite(BIO* bio, const char* data, int length) {
   auto* const session = static_cast<TlsSession*>(::BIO_get_data(bio));
   BIO_clear_retry_flags(bio);
-  const ssize_t sent = ::send(session->fd_, data, static_cast<size_t>(length), MSG_NOSIGNAL);
-  if (sent >= 0) return static_cast<int>(sent);
-  session->io_error_ = errno;
-  if (MustRetry(session->io_error_)) BIO_set_retry_write(bio);
-  return -1;
+  if (session->held_.size() >= k_most_held) {
+    session->io_error_ = ENOBUFS;
+    return -1;
+  }
+  session->held_.append(data, static_cast<size_t>(length));
+  (void)session->Flush();  // whoever writes next finds out
+  return length;
+}
+
+// Sends the held records as far as there is room. True when none is left, else `io_error_` tells why.
+bool TlsSession::Flush() {
+  while (!held_.empty()) {
+    const ssize_t sent = ::send(fd_, held_.data(), held_.size(), MSG_NOSIGNAL);
+    if (sent < 0) {
+      io_error_ = errno;
+      return false;
+    }
+    held_.erase(0, static_cast<size_t>(sent));
+  }
+  return true;
 }
 
 int TlsSession::BioRead(BIO* bio, char* data, int length) {
@@ -147,10 +168,11 @@ bool TlsSession::HandshakeStep(short* wanted) {
   MutexLock lock(mutex_);
   ::ERR_clear_error();
   const int result = ::SSL_do_handshake(ssl_);
-  established_ = result == 1;
+  const bool flushed = Flush();
+  established_ = result == 1 && flushed;
   if (established_) return true;
-  const int ssl_error = ::SSL_get_error(ssl_, result);
-  *wanted = WantedEvent(ssl_error);
+  const bool full = !flushed && MustRetry(io_error_);
+  *wanted = full ? short{POLLOUT} : WantedEvent(::SSL_get_error(ssl_, result));
   if (*wanted != 0) return false;
   failed_ = true;
   ZEB_LOG(LOG_ERR, "TLS handshake failed: %s", FailureReason().c_str());
@@ -170,16 +192,18 @@ ssize_t TlsSession::Write(const void* data, size_t length, short* wanted) {
   if (failed_) return -1;
   unit_open_ = true;
   ::ERR_clear_error();
-  size_t written = 0;
-  const int result = ::SSL_write_ex(ssl_, data, length, &written);
-  if (result == 1) {
-    unit_open_ = written < length;
-    return static_cast<ssize_t>(written);
+  if (taken_ == 0 && ::SSL_write_ex(ssl_, data, length, &taken_) != 1) {
+    *wanted = WantedEvent(::SSL_get_error(ssl_, 0));
+    if (*wanted != 0) return 0;
+    failed_ = true;
+  } else if (Flush()) {
+    unit_open_ = taken_ < length;
+    return static_cast<ssize_t>(std::exchange(taken_, 0));
+  } else if (MustRetry(io_error_)) {
+    *wanted = POLLOUT;
+    return 0;
   }
-  const int ssl_error = ::SSL_get_error(ssl_, result);
-  *wanted = WantedEvent(ssl_error);
-  if (*wanted != 0) return 0;
-  failed_ = true;
+  // When it was the descriptor that failed, what the peer said before can still be read.
   ZEB_LOG(LOG_WARNING, "TLS write failed: %s", FailureReason().c_str());
   return -1;
 }

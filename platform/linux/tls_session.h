@@ -53,6 +53,7 @@ class TlsSession {
   bool ExpectHost(const std::string& host);
   bool HandshakeStep(short* wanted);
   bool HandshakeIsOver() const;
+  bool Flush();
   std::string FailureReason();
 
   const int fd_;
@@ -61,6 +62,8 @@ class TlsSession {
   bool peer_closed_ = false;                   // the descriptor reported its end
   int io_error_ = 0;                           // errno of the descriptor's last failure
   const Deadline* handshake_limit_ = nullptr;  // while the handshake runs
+  std::string held_;                           // records for which the descriptor has had no room yet
+  size_t taken_ = 0;                           // the unit's bytes in them
   bool established_ = false;
   bool failed_ = false;     // OpenSSL allows no call after an error
   bool unit_open_ = false;  // the last write left a rest

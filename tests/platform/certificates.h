@@ -51,19 +51,19 @@ class TempFiles {
 
   [[nodiscard]] std::string Path(const std::string& name) const { return directory_ + "/" + name; }
 
-  /// Writes a file by `write(BIO*)`.
-  template <typename Write>
-  void Add(const std::string& name, Write write) const {
-    const std::unique_ptr<BIO, int (*)(BIO*)> file(BIO_new_file(Path(name).c_str(), "wb"), BIO_free);
-    write(file.get());
-  }
-
-  /// Writes "<name>.pem" and "<name>.key.pem".
-  void AddIdentity(const std::string& name, const Identity& identity) const {
-    Add(name + ".pem", [&](BIO* file) { PEM_write_bio_X509(file, identity.certificate.get()); });
-    Add(name + ".key.pem", [&](BIO* file) {
-      PEM_write_bio_PrivateKey(file, identity.key.get(), nullptr, nullptr, 0, nullptr, nullptr);
-    });
+  /// Writes "<name>" and "<name>.key", each as .pem, with `next`, and as .der; `lock` encrypts the keys.
+  void AddIdentity(const std::string& name, const Identity& identity, const Identity* next = nullptr,
+                   const EVP_CIPHER* lock = nullptr) const {
+    const auto append = [&](const char* type, auto write, auto... what) {
+      const std::string path = Path(name + type);
+      const std::unique_ptr<BIO, int (*)(BIO*)> file(BIO_new_file(path.c_str(), "ab"), BIO_free);
+      write(file.get(), what...);
+    };
+    append(".der", i2d_X509_bio, identity.certificate.get());
+    append(".pem", PEM_write_bio_X509, identity.certificate.get());
+    if (next != nullptr) append(".pem", PEM_write_bio_X509, next->certificate.get());
+    append(".key.der", i2d_PKCS8PrivateKey_bio, identity.key.get(), lock, "word", 4, nullptr, nullptr);
+    append(".key.pem", PEM_write_bio_PKCS8PrivateKey, identity.key.get(), lock, "word", 4, nullptr, nullptr);
   }
 
  private:

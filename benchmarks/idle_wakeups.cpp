@@ -70,7 +70,7 @@ int main(int argc, char** argv) {
   // A pass of the receive thread every time-out; each keep-alive a ping and its answer.
   const int pings = (seconds + 1) / kKeepAlive;
   const int needed = seconds / kTimeout + 2 * pings;
-  std::printf("idle for %d s, keep_alive %d, timeout %d: %ld wake-ups, %d are needed%s\n", seconds, kKeepAlive,
-              kTimeout, wakeups, needed, connected ? "" : "; the session did not last");
+  std::printf("idle for %d s, keep_alive %d, timeout %d: %ld wake-ups, %d are needed%s\n", seconds,
+              kKeepAlive, kTimeout, wakeups, needed, connected ? "" : "; the session did not last");
   return connected && wakeups <= needed ? 0 : 1;
 }

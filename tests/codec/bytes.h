@@ -7,25 +7,17 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
-#include <sstream>
 #include <string>
 #include <vector>
+
+#include "tests/support/scripted_broker.h"
 
 namespace zeb::mqtt {
 
 using Bytes = std::vector<uint8_t>;
 
-/// Bytes from words of hexadecimal digits and, between quotes, of text: "40 02 0007", "0001 'a'".
 inline Bytes Hex(const std::string& text) {
-  std::string bytes;
-  std::istringstream words(text);
-  for (std::string word; words >> word;) {
-    const bool quoted = word.front() == '\'';
-    if (quoted) bytes += word.substr(1, word.size() - 2);
-    for (size_t i = 0; !quoted && i < word.size(); i += 2) {
-      bytes += static_cast<char>(std::stoi(word.substr(i, 2), nullptr, 16));
-    }
-  }
+  const std::string bytes = test::Bytes(text);
   return Bytes(bytes.begin(), bytes.end());
 }
 

@@ -1,6 +1,7 @@
 // Interfaces, addresses and names as a device meets them: which uplink a connection takes, what the loss of
 // one does to it, and what nobody answers.
 #include <sys/socket.h>
+#include <sys/syscall.h>
 
 #include <filesystem>
 #include <fstream>
@@ -8,10 +9,18 @@
 
 #include "tests/network/uplinks.h"
 #include "tests/session/session.h"
-#include "tests/support/deny_device.h"
 #include "util/network_manager.h"
 #include "util/psm_manager.h"
 #include "util/socket.h"
+
+static std::atomic<bool> deny_device{false};
+
+/// Takes the place of the system's: a process without the right to bind a socket to a device.
+extern "C" int setsockopt(int fd, int level, int name, const void* value, socklen_t length) noexcept {
+  const bool denied = deny_device && level == SOL_SOCKET && name == SO_BINDTODEVICE;
+  if (denied) errno = EPERM;
+  return denied ? -1 : static_cast<int>(::syscall(SYS_setsockopt, fd, level, name, value, length));
+}
 
 namespace zeb::test {
 namespace {
@@ -47,8 +56,8 @@ TEST_F(Uplinks, TheInterfaceDecidesWhichBrokerAnswers) {
   } cases[] = {{"192.0.2.1", "", true},      {"192.0.2.1", "up0", true},    {"192.0.2.1", "up1", false},
                {"2001:db8::1", "up0", true}, {"2001:db8::1", "up1", false}, {"fe80::1%up0", "", true},
                {"fe80::1%up1", "up1", false}};
-  for (const bool deny : {false, true}) {
-    const DenyDevice denied(deny);
+  for (const bool deny : {true, false}) {
+    deny_device = deny;
     for (const auto& c : cases) {
       SCOPED_TRACE(c.host + std::string(c.iface));
       Session& expected = c.first ? *first : *second;
@@ -87,18 +96,6 @@ TEST_F(Uplinks, OnlyTheLossOfTheLastAddressEndsTheSession) {
     Destroy();
     Build();
   }
-}
-
-TEST_F(Uplinks, ALinkThatGoesDownReleasesAWaitingPublish) {
-  const auto session = SessionAt("peer0", {{MsgType::PUBLISH, Ignore}}, 600);
-  ASSERT_EQ(session->Start(), kSuccess);
-  auto publish = session->PublishAsync(1);
-  ASSERT_EQ(session->broker.Await(MsgType::PUBLISH).type(), MsgType::PUBLISH);
-  Ip("link set up1 down");
-  Ip("link set up0 down");
-  ASSERT_EQ(publish.wait_for(k_deadline), std::future_status::ready);
-  EXPECT_EQ(publish.get(), kFailure);
-  EXPECT_EQ(session->ends.Await(1), std::vector<int>{2});
 }
 
 TEST_F(Uplinks, ARegistrationLearnsThatItsConnectionsAddressHasGone) {
@@ -141,6 +138,8 @@ TEST_F(Uplinks, NamesAreResolvedForTheInterfaceAndTheirAddressesTriedInOrder) {
       {"dual.test", "up1", kSuccess, AF_INET, ""},
       {"v4.test", "up0", kSuccess, AF_INET, ""},
       {"v6.test", "up1", kNoAddress, 0, "There's no target address found for iface name up1"},
+      {"192.0.2.1", "up9", kInvalidArgument, AF_INET, "cannot bind to interface up9"},
+      {"192.0.2.1", "up0-beyond-15-characters", kInvalidArgument, AF_INET, "is too long"},
       {"v4.test", "bare", kNoAddress, 0, "There's no ip addresses for bare"},
       {"no.test", "", kInvalidArgument, 0, "Cannot Resolv no.test into ip address"},
       {"spare.test", "", kSuccess, AF_INET, "connect to 10.0.0.2 port 1883 failed: Connection refused"},
@@ -156,7 +155,7 @@ TEST_F(Uplinks, NamesAreResolvedForTheInterfaceAndTheirAddressesTriedInOrder) {
     socklen_t length = sizeof local;
     ::getsockname(Peer::SocketFd(session->client), reinterpret_cast<sockaddr*>(&local), &length);
     EXPECT_EQ(local.ss_family, c.family);
-    EXPECT_EQ(session->Stop(), kSuccess);
+    (void)session->Stop();  // there may be nothing to stop
   }
 }
 

@@ -1,12 +1,10 @@
-// Address literals and event callbacks; threads without signals; waits with deadlines.
+// Address literals and event callbacks; threads without signals.
 #include <gtest/gtest.h>
 
 #include <chrono>
 #include <csignal>
 #include <future>
 
-#include "util/boot_clock.h"
-#include "util/condition.h"
 #include "util/network_manager.h"
 #include "util/thread.h"
 
@@ -77,17 +75,6 @@ TEST(Thread, RunsWithSignalsBlockedAndLeavesTheCallersMask) {
   thread.Join();
   EXPECT_TRUE(inside);
   EXPECT_FALSE(blocked(SIGTERM));  // the caller's mask is as it was
-}
-
-TEST(Condition, TimesOutNotBeforeItsDeadlineOnTheMonotonicClock) {
-  util::Mutex mutex;
-  util::Condition condition;
-  util::MutexLock lock(mutex);
-  for (const int64_t timeout_us : {0, 1'500, 1'000'001}) {
-    const int64_t end_us = util::MonotonicUs() + timeout_us;
-    while (condition.WaitUntil(mutex, timeout_us) != kTimeout) continue;  // spurious wake-ups
-    EXPECT_GE(util::MonotonicUs(), end_us);
-  }
 }
 
 }  // namespace

@@ -51,35 +51,33 @@ TEST(KeepAlive, JudgesTheAnswerByItsStamps) {
     SelfMqttImpl client(nullptr);
     Peer::SetTimeout(client, 10);
     const int64_t now = util::BootTimeUs();
-    Peer::SetStamps(client, sent == 0 ? 0 : now - sent, received == 0 ? 0 : now - received);
+    Peer::SetStamps(client, {sent == 0 ? 0 : now - sent, received == 0 ? 0 : now - received});
     const LogCapture log;
     EXPECT_EQ(client.Pong(), result);
     EXPECT_EQ(log.Count(line), line.empty() ? 0 : 1);
-    EXPECT_EQ(Peer::PingSent(client) == 0 && Peer::PongReceived(client) == 0, cleared);
+    EXPECT_EQ(Peer::GetStamps(client) == Peer::Stamps(), cleared);
   }
 }
 
 TEST(KeepAlive, AnAnswerIsJudgedBeforeTheNextPingOverwritesIt) {
-  Session session(k_mqtt311, {{MsgType::PINGREQ, Ignore}});
-  ASSERT_EQ(session.Start(), kSuccess);
+  StartedSession session(k_mqtt311, {{MsgType::PINGREQ, Ignore}});
   const LogCapture log;
   const int64_t now = util::BootTimeUs();
-  Peer::SetStamps(session.client, now - 2 * k_second, now - k_second);
+  Peer::SetStamps(session.client, {now - 2 * k_second, now - k_second});
   EXPECT_EQ(session.client.Ping(false), kSuccess);
   EXPECT_TRUE(log.Contains("diff 1000000"));
-  EXPECT_EQ(Peer::PongReceived(session.client), 0);
+  EXPECT_EQ(Peer::GetStamps(session.client).second, 0);
   session.Send("3003000161 d000");
   EXPECT_EQ(session.payloads.Await(1).size(), 1U);
   EXPECT_EQ(session.client.GetStatusInfo().status, 2);
   EXPECT_FALSE(log.Contains(k_logic_error));
-  Peer::SetStamps(session.client, now - 12 * k_second, now);  // this one came too late
+  Peer::SetStamps(session.client, {now - 12 * k_second, now});  // this one came too late
   session.Send("3003000161");
   EXPECT_EQ(session.ends.Await(1), std::vector<int>{3});
 }
 
 TEST(KeepAlive, PingsInShortOrderNeverEndAHealthySession) {
-  Session session;
-  ASSERT_EQ(session.Start(), kSuccess);
+  StartedSession session;
   const LogCapture log;
   std::vector<std::future<void>> pingers;
   for (int i = 0; i < 4; ++i) {
@@ -93,19 +91,18 @@ TEST(KeepAlive, PingsInShortOrderNeverEndAHealthySession) {
 }
 
 TEST(KeepAlive, APingThatGaveUpLeavesTheSessionButNotItsLateAnswer) {
-  Session session(k_mqtt311, {{MsgType::PINGREQ, Ignore}}, 1);
-  ASSERT_EQ(session.Start(), kSuccess);
+  StartedSession session(k_mqtt311, {{MsgType::PINGREQ, Ignore}}, 1);
   const LogCapture log;
   auto ping = std::async(std::launch::async, [&] { return session.client.Ping(true); });
   while (!IsReady(ping)) ASSERT_EQ(session.Publish(1), kSuccess);  // each makes the receive thread judge
   EXPECT_EQ(ping.get(), kFailure);
-  EXPECT_EQ(Peer::PingSent(session.client), 0);
+  EXPECT_EQ(Peer::GetStamps(session.client).first, 0);
   EXPECT_EQ(session.Publish(1), kSuccess);
   EXPECT_EQ(session.client.GetStatusInfo().status, 2);
   EXPECT_EQ(session.client.GetStatusInfo().dis_reason, 0);
   session.Send("d000 3003000161");
   ASSERT_EQ(session.payloads.Await(1).size(), 1U);
-  ASSERT_NE(Peer::PongReceived(session.client), 0);
+  ASSERT_NE(Peer::GetStamps(session.client).second, 0);
   EXPECT_EQ(session.client.Ping(false), kSuccess);
   session.Send("3003000161");
   EXPECT_EQ(session.ends.Await(1), std::vector<int>{3});

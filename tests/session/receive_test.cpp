@@ -25,17 +25,20 @@ std::string Qos1Publishes(int count, char last) {
   return all;
 }
 
-TEST(Stream, IsTheSameWhereverItIsCut) {
+TEST(Stream, IsTheSameWhereverItIsCutAndBehindRefusedPackets) {
   const std::string packets[] = {Bytes("3008 0003612f62 313233"),
-                                 Bytes("30c501 000161") + std::string(194, 'x'), Bytes("d000"),
-                                 Bytes("3207 0003612f62 0005"), Bytes("3005 000161 3435")};
+                                 Bytes("30c501 000161") + std::string(194, 'x'),
+                                 Bytes("d000"),
+                                 Bytes("0002aabb"),
+                                 Bytes("0000"),
+                                 Bytes("3207 0003612f62 0005"),
+                                 Bytes("3005 000161 3435")};
   std::string stream;
   std::set<size_t> ends;
   for (const std::string& packet : packets) ends.insert((stream += packet).size());
-  Session session;
-  ASSERT_EQ(session.Start(), kSuccess);
+  StartedSession session;
   const LogCapture log;
-  int saved = 0;
+  size_t saved = 0;
   std::vector<std::string> expected;
   for (size_t cut = 1; cut<stream.size(); cut += cut> 15 && cut < 205 ? 19 : 1) {
     session.broker.connection().Send(stream.substr(0, cut));
@@ -52,8 +55,7 @@ TEST(Stream, IsTheSameWhereverItIsCut) {
 }
 
 TEST(Stream, ResumesBehindAPacketThatIsTooLarge) {
-  Session session;
-  ASSERT_EQ(session.Start(), kSuccess);
+  StartedSession session;
   std::vector<std::string> expected;
   for (const size_t size : {131'071U, 131'072U, 131'073U, 131'074U, 147'456U, 200'000U}) {
     SCOPED_TRACE(size);
@@ -71,41 +73,6 @@ TEST(Stream, ResumesBehindAPacketThatIsTooLarge) {
   EXPECT_EQ(session.Stop(), kSuccess);
   ASSERT_EQ(session.Start(), kSuccess);  // nothing of it is left for the next connection
   EXPECT_TRUE(session.Healthy());
-}
-
-TEST(Stream, DropsARefusedPacketAndGoesOnBehindIt) {
-  Session session;
-  ASSERT_EQ(session.Start(), kSuccess);
-  const LogCapture log;
-  session.Send("0002aabb 0000 3004 000161 31");
-  EXPECT_EQ(session.payloads.Await(1), std::vector<std::string>{"1"});
-  EXPECT_EQ(log.Count("Serious parsing error"), 2);
-  session.Send("0003aa");
-  ASSERT_TRUE(log.WaitFor("Save buffer for future use left_buf_size_ [3]"));
-  session.Send("bbcc 3004 000161 32");
-  EXPECT_EQ(session.payloads.Await(2), (std::vector<std::string>{"1", "2"}));
-}
-
-TEST(Inbound, QosHandshakes) {
-  const std::tuple<int32_t, const char*, MsgType, const char*> cases[] = {
-      {k_mqtt311, "3205 000161 0007", MsgType::PUBACK, "40020007"},
-      {k_mqtt5, "3206 000161 0007 00", MsgType::PUBACK, "400400070000"},
-      {k_mqtt311, "3405 000161 0007", MsgType::PUBCOMP, "70020007"},
-      {k_mqtt5, "3406 000161 0007 00", MsgType::PUBCOMP, "700400070000"},
-  };
-  for (const auto& [protocol, publish, type, hex] : cases) {
-    SCOPED_TRACE(hex);
-    Session session(protocol);
-    ASSERT_EQ(session.Start(), kSuccess);
-    const LogCapture log;
-    session.Send(publish);
-    EXPECT_EQ(session.broker.Await(type).hex(), hex);
-    EXPECT_EQ(session.payloads.Await(1).size(), 1U);
-    session.Send("62020009");  // of a message that never came
-    ASSERT_TRUE(session.Healthy());
-    EXPECT_TRUE(log.Contains("Cannot find message_id [9] in recv_publish_msg_l"));
-    EXPECT_EQ(session.broker.Count(type), 1U);
-  }
 }
 
 TEST(Inbound, TenThousandMessagesAreAnsweredInOrderInConstantMemory) {

@@ -36,8 +36,7 @@ TEST(Publish, ManyInFlightTakeTheirAnswersInAnyOrder) {
     if (held.size() < k_threads) return;
     for (; !held.empty(); held.pop_back()) ScriptedBroker::Answer(connection, held.back());
   };
-  Session session(k_mqtt311, {{MsgType::PUBLISH, answer_in_reverse}});
-  ASSERT_EQ(session.Start(), kSuccess);
+  StartedSession session(k_mqtt311, {{MsgType::PUBLISH, answer_in_reverse}});
   for (int round = 0; round < 20; ++round) {
     std::vector<std::future<Result>> published;
     for (size_t i = 0; i < k_threads; ++i) published.push_back(session.PublishAsync(i % 2 == 0 ? 1 : 2));
@@ -48,66 +47,17 @@ TEST(Publish, ManyInFlightTakeTheirAnswersInAnyOrder) {
   EXPECT_EQ(Peer::QueuedEvents(session.client).size(), 0U);
 }
 
-TEST(Request, GivesUpAtTheTimeoutWithItsLine) {
-  MqttWrapper::SubscribeOption subscribe;
-  MqttWrapper::UnsubscribeOption unsubscribe;
-  Session session(k_mqtt5, {{MsgType::PUBLISH, Ignore},
-                            {MsgType::SUBSCRIBE, Ignore},
-                            {MsgType::UNSUBSCRIBE, Ignore},
-                            {MsgType::PINGREQ, Ignore}});
-  const std::pair<std::function<Result()>, std::string> cases[] = {
-      {[&] { return session.Publish(1); }, "PUBACK"},
-      {[&] { return session.Publish(2); }, "PUBREC"},
-      {[&] { return session.client.Subscribe(subscribe, nullptr); }, "SUBACK"},
-      {[&] { return session.client.Unsubscribe(unsubscribe, nullptr); }, "UNSUBACK"},
-      {[&] { return session.client.Ping(true); }, "PINGRESP"},
-  };
-  ASSERT_EQ(session.Start(), kSuccess);
-  Peer::SetTimeout(session.client, 1);
-  const LogCapture log;
-  std::vector<std::future<Result>> results;
-  for (const auto& each : cases) results.push_back(std::async(std::launch::async, each.first));
-  EXPECT_GE(Seconds([&] { EXPECT_EQ(results[0].get(), kFailure); }), 0.9);
-  for (size_t i = 1; i < results.size(); ++i) EXPECT_EQ(results[i].get(), kFailure);
-  for (const auto& each : cases)
-    EXPECT_EQ(log.Count("Cannot get " + each.second + " event for 1 seconds"), 1) << each.second;
-}
-
 TEST(Request, SleepsWhileForeignEventsAreQueuedAndEndsSilently) {
-  Session session(k_mqtt311, {{MsgType::PUBLISH, Reply("3003000161")}}, 1);
-  ASSERT_EQ(session.Start(), kSuccess);
+  StartedSession session(k_mqtt311, {{MsgType::PUBLISH, Reply("3003000161")}}, 1);
   const LogCapture log;
-  const auto thread_cpu_seconds = [] {
-    timespec used{};
-    ::clock_gettime(CLOCK_THREAD_CPUTIME_ID, &used);
-    return static_cast<double>(used.tv_sec) + static_cast<double>(used.tv_nsec) / 1e9;
-  };
-  const double cpu_before = thread_cpu_seconds();
+  const std::clock_t cpu_before = std::clock();
   const double took = Seconds([&] { EXPECT_EQ(session.Publish(1), kFailure); });
-  EXPECT_LT(thread_cpu_seconds() - cpu_before, 0.3) << "it span";
+  EXPECT_LT(std::clock() - cpu_before, CLOCKS_PER_SEC * 3 / 10) << "it span";
   EXPECT_GE(took, 0.95);
   EXPECT_LT(took, 3.0);
   EXPECT_EQ(log.Count("Not proper event, requeue for future use"), 1);
   EXPECT_FALSE(log.Contains("Cannot get"));
   EXPECT_EQ(Peer::QueuedEvents(session.client).size(), 1U);  // put back for whoever it is for
-}
-
-TEST(Request, FailsAtOnceWhenTheConnectionEnds) {
-  const auto close = [](Connection& connection, const Packet&) { connection.Close(); };
-  Session session(k_mqtt311, {{MsgType::PUBLISH, close}});
-  EXPECT_EQ(session.Publish(0), kNotConnected);
-  ASSERT_EQ(session.Start(), kSuccess);
-  const LogCapture log;
-  EXPECT_LT(Seconds([&] { EXPECT_EQ(session.Publish(1), kFailure); }), 5.0);
-  EXPECT_TRUE(log.Contains("RESERVED comes in break loop"));
-  EXPECT_EQ(session.ends.Await(1), std::vector<int>{1});
-  EXPECT_EQ(session.Publish(0), kFailure);  // disconnected, but not stopped
-  EXPECT_EQ(session.Stop(), kSuccess);
-  EXPECT_EQ(session.Publish(0), kNotConnected);
-  ASSERT_EQ(session.Start(), kSuccess);
-  ASSERT_EQ(session.client.Disconnect(nullptr), kSuccess);
-  EXPECT_EQ(session.Publish(0), kFailure);
-  EXPECT_EQ(session.client.GetStatusInfo().status, 3);
 }
 
 TEST(Request, ThatOutlivesItsSessionLeavesTheNextOneItsAnswers) {

@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <future>
-#include <mutex>
 #include <string>
 #include <utility>
 #include <vector>
@@ -37,39 +36,10 @@ inline MqttWrapper::ConnectOption Options(int port, int32_t protocol = k_mqtt311
   return option;
 }
 
-inline MqttWrapper::PublishOption Message(const std::string& topic, const std::string& payload, uint8_t qos) {
-  MqttWrapper::PublishOption option;
-  option.topic = topic;
-  option.payload = payload;
-  option.qos = qos;
-  return option;
+inline MqttWrapper::PublishOption Message(const std::string& topic, const std::string& payload, uint8_t qos,
+                                          bool retain = false, bool again = false) {
+  return {topic, retain, qos, again, payload};
 }
-
-/// What callbacks report, in order. Any thread. Copies share the values: a disconnect_cb that is still
-/// running when the test has ended keeps them alive by its own copy.
-template <typename T>
-class Mailbox {
- public:
-  void Push(T value) const {
-    const std::lock_guard<std::mutex> lock(state_->mutex);
-    state_->values.push_back(std::move(value));
-    state_->changed.notify_all();
-  }
-  /// The values, once there are `count`, or those that came before the deadline.
-  [[nodiscard]] std::vector<T> Await(size_t count) const {
-    std::unique_lock<std::mutex> lock(state_->mutex);
-    state_->changed.wait_for(lock, k_deadline, [&] { return state_->values.size() >= count; });
-    return state_->values;
-  }
-
- private:
-  struct State {
-    std::mutex mutex;
-    std::condition_variable changed;
-    std::vector<T> values;
-  };
-  std::shared_ptr<State> state_ = std::make_shared<State>();
-};
 
 struct Session {
   explicit Session(int32_t protocol = k_mqtt311, std::map<MsgType, Handler> handlers = {},
@@ -96,6 +66,15 @@ struct Session {
   Mailbox<std::string> payloads;  // of the messages delivered
   Mailbox<int> ends;              // reasons given to disconnect_cb
   SelfMqttImpl client{nullptr};   // ends first: message_cb uses the others
+};
+
+/// One that has started already.
+struct StartedSession : Session {
+  explicit StartedSession(int32_t protocol = k_mqtt311, std::map<MsgType, Handler> handlers = {},
+                          int32_t timeout_s = 10)
+      : Session(protocol, std::move(handlers), timeout_s) {
+    EXPECT_EQ(Start(), kSuccess);
+  }
 };
 
 /// Seconds that `call` took.

@@ -1,4 +1,6 @@
 // What goes out on the wire, byte by byte, and what is refused before a byte goes out.
+#include <regex>
+
 #include "tests/session/session.h"
 
 namespace zeb::test {
@@ -22,10 +24,8 @@ void AdaptEverything(MqttWrapper::ConnectOption& option) {
   option.request_response_information = 1;
   option.request_problem_information = 0;
   option.user_property = k_properties;
-  option.lwt.enable = option.lwt.msg.retain = true;
-  option.lwt.msg.topic = "w";
-  option.lwt.msg.payload = std::string("x\0y", 3);
-  option.lwt.msg.qos = 3;
+  option.lwt.enable = true;
+  option.lwt.msg = Message("w", std::string("x\0y", 3), 3, true);
   option.lwt.properties.will_delay_interval = 1;
   option.lwt.properties.payload_format_indicator = 1;
   option.lwt.properties.message_expiry_interval = 2;
@@ -60,8 +60,7 @@ TEST(Wire, Connect) {
 
 Request Publishes(const std::string& topic, const std::string& payload, uint8_t qos, bool flags = false) {
   return [=](SelfMqttImpl& client) {
-    auto option = Message(topic, payload, qos);
-    option.retain = option.duplicated = flags;
+    auto option = Message(topic, payload, qos, flags, flags);
     return client.Publish(option);
   };
 }
@@ -110,16 +109,14 @@ TEST(Wire, Requests) {
   };
   for (const auto& [protocol, request, type, hex] : cases) {
     SCOPED_TRACE(hex);
-    Session session(protocol);
-    ASSERT_EQ(session.Start(), kSuccess);
+    StartedSession session(protocol);
     EXPECT_EQ(request(session.client), kSuccess);
     EXPECT_EQ(session.broker.Await(type).hex(), Hex(Bytes(hex)));
   }
 }
 
 TEST(Wire, PacketIdentifiersWrapToOne) {
-  Session session;
-  ASSERT_EQ(session.Start(), kSuccess);
+  StartedSession session;
   Peer::SetMessageId(session.client, 65'534);
   for (int i = 0; i < 2; ++i) ASSERT_EQ(session.Publish(1), kSuccess);
   EXPECT_EQ(Hex(session.broker.Await(MsgType::PUBLISH, 1).id()), "ffff");
@@ -149,20 +146,25 @@ TEST(Wire, RequestsAreRefusedBeforeAnythingIsSent) {
        },
        kInvalidArgument, "DISCONNECTED send failed"},
   };
-  Session session(k_mqtt5);
-  ASSERT_EQ(session.Start(), kSuccess);
+  StartedSession session(k_mqtt5);
+  std::string publish_line;
   for (const auto& [request, result, line] : cases) {
     const LogCapture log;
     EXPECT_EQ(request(session.client), result);
     EXPECT_TRUE(*line == '\0' || log.Contains(line)) << line;
+    for (const auto& each : log.Lines("max_publish")) publish_line = each.text;
     EXPECT_FALSE(log.Contains("Before send")) << line;
   }
+  const std::regex plain(R"(zeb::Result zeb::mqtt::SelfMqttImpl::Publish\(.*\) \d+: \[test\d+\] .*)");
+  EXPECT_TRUE(std::regex_match(publish_line, plain)) << publish_line;
   // The largest that are allowed still pass.
   EXPECT_EQ(Publishes(Long(31'067), Long(100'000), 1)(session.client), kSuccess);
   EXPECT_EQ(session.broker.Await(MsgType::PUBLISH).body().size(), 131'072U);
   EXPECT_EQ(Publishes(Long(65'535), "hi", 0)(session.client), kSuccess);
   EXPECT_TRUE(session.Healthy());
   EXPECT_EQ(session.broker.Count(MsgType::SUBSCRIBE) + session.broker.Count(MsgType::UNSUBSCRIBE), 0U);
+  ASSERT_EQ(session.client.Disconnect(nullptr), kSuccess);
+  EXPECT_EQ(session.Publish(0), kFailure);
 }
 
 TEST(Wire, StartsAreRefusedBeforeConnectIsSent) {
@@ -176,7 +178,11 @@ TEST(Wire, StartsAreRefusedBeforeConnectIsSent) {
          option.lwt.enable = true;
        },
        kFailure},
-      {[](auto& option) { option.user_property = k_huge; }, kFailure},
+      {[](auto& option) {  // all that comes behind them finds no room
+         AdaptEverything(option);
+         option.user_property = k_huge;
+       },
+       kFailure},
   };
   Session session(k_mqtt5);
   const auto good = session.option;
@@ -194,7 +200,7 @@ TEST(Wire, StartsAreRefusedBeforeConnectIsSent) {
 
 TEST(Wire, AcknowledgementsCarryTheirUserProperties) {
   using Setter = Result (SelfMqttImpl::*)(std::list<Pair>&);
-  const std::tuple<Setter, const char*, MsgType, const char*> cases[] = {
+  const std::tuple<Setter, const char*, MsgType, std::string> cases[] = {
       {&SelfMqttImpl::SetPubAckUserProperties, "3206 000161 0007 00", MsgType::PUBACK, "40"},
       {&SelfMqttImpl::SetPubRecUserProperties, "3406 000161 0007 00", MsgType::PUBREC, "50"},
       {&SelfMqttImpl::SetPubCompUserProperties, "3406 000161 0007 00", MsgType::PUBCOMP, "70"},
@@ -207,21 +213,28 @@ TEST(Wire, AcknowledgementsCarryTheirUserProperties) {
     ASSERT_EQ(session.Start(), kSuccess);
     session.Send(publish);
     EXPECT_EQ(session.broker.Await(type).hex(), first + Hex(Bytes("0b 0007 00 07 26 00016b 000176")));
+    session.Send("62020009");  // of a message that never came: no answer
     ASSERT_TRUE(session.Healthy());
     // What does not fit is not sent at all.
-    for (const auto& unfit : {k_huge, std::list<Pair>{{"k", Long(65'536)}}}) {
+    for (const auto& unfit : {k_huge, {{"k", Long(65'536)}}, {{Long(65'536), "v"}}}) {
       properties = unfit;
       EXPECT_EQ((session.client.*setter)(properties), kSuccess);
       session.Send(publish);
-      EXPECT_TRUE(session.Healthy());
+      for (int i = 0; i < 2; ++i) EXPECT_TRUE(session.Healthy());  // the second lets PUBREL come in
       EXPECT_EQ(session.broker.Count(type), 1U);
     }
+    properties.clear();
+    EXPECT_EQ((session.client.*setter)(properties), kSuccess);
+    session.Send(publish);
+    EXPECT_EQ(session.broker.Await(type, 2).hex(), first + "0400070000");
     // MQTT 3.1.1 has no properties: there they do no harm.
     ASSERT_EQ(session.Stop(), kSuccess);
+    properties = k_properties;
+    EXPECT_EQ((session.client.*setter)(properties), kSuccess);
     session.option.protocol = k_mqtt311;
     ASSERT_EQ(session.Start(), kSuccess);
     session.Send(publish);
-    EXPECT_EQ(session.broker.Await(type, 2).hex(), first + std::string("020007"));
+    EXPECT_EQ(session.broker.Await(type, 3).hex(), first + "020007");
   }
 }
 

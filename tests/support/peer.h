@@ -3,6 +3,7 @@
 
 #include <memory>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -23,19 +24,15 @@ struct SelfMqttImplPeer {
   static void SetPingWait(SelfMqttImpl& client, bool wait) { client.ping_wait_ = wait; }
   static void SetTimeout(SelfMqttImpl& client, int32_t seconds) { client.timeout_sec_ = seconds; }
 
-  /// Microseconds of CLOCK_BOOTTIME; 0: none.
-  static void SetStamps(SelfMqttImpl& client, int64_t ping_sent, int64_t pong_recv) {
+  /// When a ping was sent and its answer received, in microseconds of CLOCK_BOOTTIME; 0: none.
+  using Stamps = std::pair<int64_t, int64_t>;
+  static void SetStamps(SelfMqttImpl& client, Stamps stamps) {
     const util::MutexLock lock(client.stamp_mutex_);
-    client.ping_sent_ = ping_sent;
-    client.pong_recv_ = pong_recv;
+    std::tie(client.ping_sent_, client.pong_recv_) = stamps;
   }
-  static int64_t PingSent(SelfMqttImpl& client) {
+  static Stamps GetStamps(SelfMqttImpl& client) {
     const util::MutexLock lock(client.stamp_mutex_);
-    return client.ping_sent_;
-  }
-  static int64_t PongReceived(SelfMqttImpl& client) {
-    const util::MutexLock lock(client.stamp_mutex_);
-    return client.pong_recv_;
+    return {client.ping_sent_, client.pong_recv_};
   }
 
   static AckQueue& Queue(SelfMqttImpl& client) { return client.ack_event_q_; }
@@ -47,19 +44,9 @@ struct SelfMqttImplPeer {
     return events;
   }
   /// Whether the receive thread is to go on.
-  static void SetKeepThread(SelfMqttImpl& client, bool keep) { client.keep_thread_ = keep; }
-  static bool KeepThread(const SelfMqttImpl& client) { return client.keep_thread_; }
-
-  struct DueRelease {
-    uint16_t message_id;
-    int64_t recv_time;  // microseconds of CLOCK_BOOTTIME
-  };
+  static std::atomic<bool>& KeepThread(SelfMqttImpl& client) { return client.keep_thread_; }
   /// Inbound QoS 2 messages whose PUBREL is still due, oldest first. On the receive thread, or without one.
-  static std::vector<DueRelease> DueReleases(const SelfMqttImpl& client) {
-    std::vector<DueRelease> due;
-    for (const auto& kept : client.recv_publish_msg_l) due.push_back({kept.message_id, kept.recv_time});
-    return due;
-  }
+  static const auto& DueReleases(const SelfMqttImpl& client) { return client.recv_publish_msg_l; }
   static int SocketFd(const SelfMqttImpl& client) {
     const auto socket = client.SharedSocket();
     return socket != nullptr ? socket->GetFd() : -1;

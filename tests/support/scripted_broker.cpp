@@ -1,27 +1,16 @@
 // The broker's thread: one poll over the listener, the wake-up and all connections; nothing in it blocks.
 #include "tests/support/scripted_broker.h"
 
-#include <netinet/in.h>
 #include <netinet/tcp.h>
-#include <poll.h>
 #include <sys/eventfd.h>
-#include <sys/socket.h>
 
-#include <algorithm>
 #include <array>
+#include <sstream>
 
 namespace zeb::test {
 namespace {
 
 uint8_t Byte(const std::string& text, size_t at) { return static_cast<uint8_t>(text[at]); }
-
-sockaddr_in Loopback(int port) {
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  address.sin_port = htons(static_cast<uint16_t>(port));
-  return address;
-}
 
 // Takes the packet at the front of `in`, if it is there whole.
 bool TakePacket(std::string& in, Packet* packet) {
@@ -40,11 +29,15 @@ bool TakePacket(std::string& in, Packet* packet) {
 
 }  // namespace
 
-std::string Bytes(std::string hex) {
-  hex.erase(std::remove(hex.begin(), hex.end(), ' '), hex.end());
+std::string Bytes(const std::string& text) {
   std::string bytes;
-  for (size_t i = 0; i < hex.size(); i += 2)
-    bytes += static_cast<char>(std::stoi(hex.substr(i, 2), nullptr, 16));
+  std::istringstream words(text);
+  for (std::string word; words >> word;) {
+    const bool quoted = word.front() == '\'';
+    if (quoted) bytes += word.substr(1, word.size() - 2);
+    for (size_t i = 0; !quoted && i < word.size(); i += 2)
+      bytes += static_cast<char>(std::stoi(word.substr(i, 2), nullptr, 16));
+  }
   return bytes;
 }
 
@@ -53,13 +46,6 @@ std::string Hex(const std::string& bytes) {
   for (size_t i = 0; i < 2 * bytes.size(); ++i)
     hex += "0123456789abcdef"[Byte(bytes, i / 2) >> (i % 2 == 0 ? 4 : 0) & 15];
   return hex;
-}
-
-util::ScopedFd ConnectToLoopback(int port) {
-  util::ScopedFd fd(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  const sockaddr_in address = Loopback(port);
-  if (::connect(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) fd.Reset();
-  return fd;
 }
 
 std::string Packet::id() const {
@@ -98,51 +84,13 @@ void ScriptedBroker::Answer(Connection& connection, const Packet& packet) {
 
 ScriptedBroker::ScriptedBroker(std::map<MsgType, Handler> handlers, int public_port)
     : handlers_(std::move(handlers)),
-      listener_(
-          ::socket(public_port != 0 ? AF_INET6 : AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)),
-      wake_(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {
-  sockaddr_in6 everywhere{};
-  everywhere.sin6_family = AF_INET6;
-  everywhere.sin6_port = htons(static_cast<uint16_t>(public_port));
-  sockaddr_in loopback = Loopback(0);
-  auto* const address =
-      public_port != 0 ? reinterpret_cast<sockaddr*>(&everywhere) : reinterpret_cast<sockaddr*>(&loopback);
-  socklen_t length = public_port != 0 ? sizeof everywhere : sizeof loopback;
-  if (::bind(listener_.get(), address, length) == 0 && ::listen(listener_.get(), SOMAXCONN) == 0 &&
-      ::getsockname(listener_.get(), address, &length) == 0) {
-    port_ = public_port != 0 ? public_port : ntohs(loopback.sin_port);
-  }
-  thread_ = std::thread([this] { Run(); });
-}
+      listener_(public_port != 0 ? "::" : "127.0.0.1", public_port),
+      wake_(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)),
+      thread_([this] { Run(); }) {}
 
 ScriptedBroker::~ScriptedBroker() {
   Change([this] { stop_ = true; });
   thread_.join();
-}
-
-std::vector<Packet> ScriptedBroker::Received(MsgType type) {
-  std::vector<Packet> found;
-  const std::lock_guard<std::mutex> lock(mutex_);
-  std::copy_if(packets_.begin(), packets_.end(), std::back_inserter(found),
-               [type](const Packet& packet) { return packet.type() == type; });
-  return found;
-}
-
-Packet ScriptedBroker::Await(MsgType type, size_t nth) {
-  Packet found;
-  size_t looked_at = 0;
-  std::unique_lock<std::mutex> lock(mutex_);
-  changed_.wait_for(lock, k_deadline, [&] {
-    for (; nth > 0 && looked_at < packets_.size(); ++looked_at)
-      if (packets_[looked_at].type() == type && --nth == 0) found = packets_[looked_at];
-    return nth == 0;
-  });
-  return found;
-}
-
-bool ScriptedBroker::AwaitClosed() {
-  std::unique_lock<std::mutex> lock(mutex_);
-  return changed_.wait_for(lock, k_deadline, [&] { return !connections_.back()->fd_.valid(); });
 }
 
 void ScriptedBroker::Change(const std::function<void()>& change) {
@@ -153,7 +101,7 @@ void ScriptedBroker::Change(const std::function<void()>& change) {
 
 void ScriptedBroker::Run() {
   for (;;) {
-    std::vector<pollfd> polled = {{listener_.get(), POLLIN, 0}, {wake_.get(), POLLIN, 0}};
+    std::vector<pollfd> polled = {{listener_.fd.get(), POLLIN, 0}, {wake_.get(), POLLIN, 0}};
     {
       const std::lock_guard<std::mutex> lock(mutex_);
       if (stop_) return;
@@ -173,7 +121,7 @@ void ScriptedBroker::Run() {
 }
 
 void ScriptedBroker::Accept() {
-  util::ScopedFd fd(::accept4(listener_.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
+  util::ScopedFd fd(::accept4(listener_.fd.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
   if (!fd.valid()) return;
   const int on = 1;
   ::setsockopt(fd.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
@@ -187,15 +135,13 @@ void ScriptedBroker::Read(Connection& connection) {
   const ssize_t count = ::recv(connection.fd_.get(), bytes.data(), bytes.size(), 0);
   if (count < 0 && (errno == EAGAIN || errno == EINTR)) return;
   std::unique_lock<std::mutex> lock(mutex_);
-  changed_.notify_all();
   if (count <= 0) return connection.fd_.Reset();
   connection.in_.append(bytes, 0, static_cast<size_t>(count));
   for (Packet packet; TakePacket(connection.in_, &packet); lock.lock()) {
     if (packet.type() == MsgType::CONNECT && packet.body().size() > 6)
       connection.mqtt5_ = packet.body()[6] == '\x05';
-    packets_.push_back(packet);
-    changed_.notify_all();
     lock.unlock();
+    packets_.Push(packet);
     const auto own = handlers_.find(packet.type());
     own != handlers_.end() ? own->second(connection, packet) : Answer(connection, packet);
   }
@@ -214,10 +160,7 @@ void ScriptedBroker::Write(Connection& connection) {
     ::setsockopt(fd, SOL_SOCKET, SO_LINGER, &at_once, sizeof at_once);
     out.clear();
   }
-  if (out.empty() && (connection.closing_ || connection.resetting_)) {
-    connection.fd_.Reset();
-    changed_.notify_all();
-  }
+  if (out.empty() && (connection.closing_ || connection.resetting_)) connection.fd_.Reset();
 }
 
 }  // namespace zeb::test

@@ -2,7 +2,6 @@
 // it received, for a test to compare byte by byte.
 #pragma once
 
-#include <condition_variable>
 #include <functional>
 #include <map>
 #include <memory>
@@ -12,19 +11,16 @@
 #include <vector>
 
 #include "mqtt/mqtt_wrapper.h"
-#include "tests/support/log_capture.h"
-#include "util/scoped_fd.h"
+#include "tests/support/loopback.h"
 
 namespace zeb::test {
 
 using MsgType = mqtt::MqttWrapper::MessageType;
 
-/// "4002 0001" to the bytes; and back, without spaces.
-std::string Bytes(std::string hex);
+/// Bytes from words of hexadecimal digits and, between quotes, of text: "40 02 0007", "0001 'a'".
+std::string Bytes(const std::string& text);
+/// Digits alone.
 std::string Hex(const std::string& bytes);
-
-/// Not valid when nobody listens.
-util::ScopedFd ConnectToLoopback(int port);
 
 /// One packet from the client, whole. Default-constructed: the packet that did not come in time.
 struct Packet {
@@ -82,19 +78,22 @@ class ScriptedBroker {
   ~ScriptedBroker();
   ScriptedBroker(const ScriptedBroker&) = delete;
 
-  [[nodiscard]] int port() const { return port_; }
+  [[nodiscard]] int port() const { return listener_.port; }
   /// The newest connection; it lives as long as the broker. Not before CONNECT has come in.
   [[nodiscard]] Connection& connection() {
     const std::lock_guard<std::mutex> lock(mutex_);
     return *connections_.back();
   }
-  /// Every packet of the type so far, from all connections in order of arrival.
-  [[nodiscard]] std::vector<Packet> Received(MsgType type);
-  [[nodiscard]] size_t Count(MsgType type) { return Received(type).size(); }
+  /// Every packet of the type, from all connections in order of arrival; waits for `at_least` so many.
+  [[nodiscard]] std::vector<Packet> Received(MsgType type, size_t at_least = 0) const {
+    return packets_.Await(at_least, [type](const Packet& packet) { return packet.type() == type; });
+  }
+  [[nodiscard]] size_t Count(MsgType type) const { return Received(type).size(); }
   /// Waits for the `nth` packet of the type, counted from 1.
-  [[nodiscard]] Packet Await(MsgType type, size_t nth = 1);
-  /// Waits until the client has closed the newest connection.
-  [[nodiscard]] bool AwaitClosed();
+  [[nodiscard]] Packet Await(MsgType type, size_t nth = 1) const {
+    const auto received = Received(type, nth);
+    return received.size() < nth ? Packet() : received[nth - 1];
+  }
 
  private:
   friend class Connection;
@@ -106,13 +105,11 @@ class ScriptedBroker {
   void Write(Connection& connection);  // with the mutex held
 
   const std::map<MsgType, Handler> handlers_;
-  const util::ScopedFd listener_;
+  const Listener listener_;
   const util::ScopedFd wake_;
-  int port_ = 0;
+  const Mailbox<Packet> packets_;
   std::mutex mutex_;  // guards everything below
-  std::condition_variable changed_;
   std::vector<std::unique_ptr<Connection>> connections_;
-  std::vector<Packet> packets_;
   bool stop_ = false;
   std::thread thread_;
 };

@@ -1,4 +1,4 @@
-// Peers on loopback for the client socket, and what its tests send through it. Every wait ends at a deadline.
+// Listeners and client sockets, and what is sent through them. Every wait ends at a deadline.
 #pragma once
 
 #include <netdb.h>
@@ -8,7 +8,7 @@
 #include <future>
 #include <vector>
 
-#include "tests/support/log_capture.h"
+#include "tests/support/mailbox.h"
 #include "util/socket.h"
 
 namespace zeb::test {
@@ -19,19 +19,20 @@ inline bool AwaitEvent(int fd, short events, std::chrono::milliseconds deadline 
   return ::poll(&entry, 1, static_cast<int>(deadline.count())) > 0;
 }
 
-/// Listens on a port of the system's choice.
+/// Listens on `wanted`, or on a port of the system's choice.
 struct Listener {
-  explicit Listener(const std::string& host = "127.0.0.1", int backlog = 8) {
+  explicit Listener(const std::string& host = "127.0.0.1", int wanted = 0) {
     addrinfo* address = nullptr;
-    if (::getaddrinfo(host.c_str(), "0", nullptr, &address) != 0) return;
-    fd = util::ScopedFd(::socket(address->ai_family, SOCK_STREAM, 0));
+    if (::getaddrinfo(host.c_str(), std::to_string(wanted).c_str(), nullptr, &address) != 0) return;
+    fd = util::ScopedFd(::socket(address->ai_family, SOCK_STREAM | SOCK_CLOEXEC, 0));
     const timeval limit{k_deadline.count() / 1'000, 0};  // connections inherit it
     ::setsockopt(fd.get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
     ::bind(fd.get(), address->ai_addr, address->ai_addrlen);
-    ::listen(fd.get(), backlog);
+    ::listen(fd.get(), SOMAXCONN);
     ::getsockname(fd.get(), address->ai_addr, &address->ai_addrlen);
     // An IPv6 address has its port at the same place.
-    path = host + ";" + std::to_string(ntohs(reinterpret_cast<sockaddr_in*>(address->ai_addr)->sin_port));
+    port = ntohs(reinterpret_cast<sockaddr_in*>(address->ai_addr)->sin_port);
+    path = host + ";" + std::to_string(port);
     ::freeaddrinfo(address);
   }
 
@@ -39,20 +40,20 @@ struct Listener {
   util::ScopedFd Accept() const { return util::ScopedFd(::accept(fd.get(), nullptr, nullptr)); }
 
   util::ScopedFd fd;
+  int port = 0;
   std::string path;  // as SocketClient takes it
 };
 
 inline std::unique_ptr<SocketClient> Connect(const std::string& path,
                                              std::shared_ptr<const util::SslWrapper> ssl = nullptr,
-                                             const std::string& host = "", int32_t timeout_us = 20'000'000,
-                                             const std::string& iface = "") {
+                                             const std::string& host = "", int32_t timeout_us = 20'000'000) {
   SocketClient::SocketClientOption option;
   option.ssl = std::move(ssl);
   option.host = host;
   option.timeout_us = timeout_us;
   option.tx_buf_size = 8'192;
   const auto domain = path[0] == ':' ? util::Socket::Domain::kIpv6 : util::Socket::Domain::kIpv4;
-  return std::make_unique<SocketClient>(iface, util::Socket::Protocol::kTcp, domain, path, option);
+  return std::make_unique<SocketClient>("", util::Socket::Protocol::kTcp, domain, path, option);
 }
 
 /// The first result of Recv that is not "nothing now".
@@ -61,29 +62,6 @@ inline ssize_t AwaitRecv(SocketClient& client, void* data, size_t length) {
   while (result == SocketClient::k_nothing_now && AwaitEvent(client.GetFd(), POLLIN))
     result = client.Recv(data, length);
   return result;
-}
-
-constexpr size_t k_unit = 100'000;        // more than the send buffer takes
-constexpr size_t k_stream = 30 * k_unit;  // what SendUnits sends in all
-
-/// Sends units, each of one letter, from three threads at once: whether each unit went out in one call.
-inline std::vector<std::future<bool>> SendUnits(SocketClient& client) {
-  std::vector<std::future<bool>> senders;
-  for (const char letter : {'a', 'b', 'c'}) {
-    senders.push_back(std::async(std::launch::async, [&client, unit = std::string(k_unit, letter)] {
-      bool whole = true;
-      for (int i = 0; i < 10; ++i) whole &= client.Send(unit.data(), k_unit) == ssize_t{k_unit};
-      return whole;
-    }));
-  }
-  return senders;
-}
-
-/// Whether `stream` is all of what SendUnits sends, no unit torn by another.
-inline bool IsWholeUnits(const std::string& stream) {
-  for (size_t begin = 0; begin < stream.size(); begin += k_unit)
-    if (stream.find_first_not_of(stream[begin], begin) < begin + k_unit) return false;
-  return stream.size() == k_stream;
 }
 
 }  // namespace zeb::test

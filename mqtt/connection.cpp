@@ -68,6 +68,8 @@ Result SelfMqttImpl::Establish(ConnectOption& option, ConnectAck* ack) {
   ResetSession();
   StartPlan plan(option.timeout);
   plan.cancel_fd = abort_fd_.get();  // this thread alone replaces it
+  if (plan.cancel_fd < 0)
+    CLIENT_LOG_AS(kStartClient, LOG_WARNING, "no descriptor: a stop waits for the connect");
   Result result = ChooseAddresses(option, plan);
   if (result == kSuccess) result = PrepareTls(option, plan);
   if (result == kSuccess) result = OpenSession(option, plan);

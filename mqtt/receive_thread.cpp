@@ -326,6 +326,9 @@ bool SelfMqttImpl::HandleTimer(const RecvLoop& loop) {
   uint64_t expiries = 0;
   // A re-arm after the expiry was reported takes it back: something was sent, no ping is due.
   if (::read(loop.timer.get(), &expiries, sizeof expiries) < 0) return true;
+  util::MutexLock lock(send_mutex_);
+  if (connect_state_ != ConnectState::kSent) return true;  // a slow start: there is nothing to keep alive yet
+  lock.Unlock();
   if (Ping(false) != kFailure || StopOnItsWay()) return true;
   CLIENT_LOG_AS(kRecvThread, LOG_ERR, "Cannot send PINGREQ");
   EndSession(kKeepAliveFailure);

@@ -9,7 +9,9 @@
 #include <cerrno>
 #include <cstring>
 #include <memory>
+#include <system_error>
 
+#include "util/log.h"
 #include "util/network_manager.h"
 #include "util/scoped_fd.h"
 
@@ -20,7 +22,11 @@ using InterfaceList = std::unique_ptr<ifaddrs, decltype(&::freeifaddrs)>;
 
 InterfaceList ListInterfaces() {
   ifaddrs* first = nullptr;
-  if (::getifaddrs(&first) != 0) first = nullptr;
+  if (::getifaddrs(&first) != 0) {
+    const int error = errno;
+    ZEB_LOG(LOG_WARNING, "interfaces not listed: %s", std::generic_category().message(error).c_str());
+    first = nullptr;
+  }
   return {first, ::freeifaddrs};
 }
 

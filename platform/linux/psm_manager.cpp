@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <new>
 #include <set>
 #include <system_error>
 
@@ -62,10 +63,16 @@ bool PsmManager::WakeLock(const std::string& name) {
   Locks& locks = GetLocks();
   const util::MutexLock lock(locks.mutex);
   if (locks.names.count(name) != 0) return true;
+  try {  // before the kernel has it: a lock that is not on record is never released
+    locks.names.insert(name);
+  } catch (const std::bad_alloc&) {
+    ZEB_LOG(LOG_ERR, "wake lock %s: no memory", name.c_str());
+    return false;
+  }
   const int error = locks.lock_file.valid() ? WriteName(locks.lock_file.get(), name) : 0;
-  if (error != 0) return LogRefusal(name, error);
-  locks.names.insert(name);
-  return true;
+  if (error == 0) return true;
+  locks.names.erase(name);
+  return LogRefusal(name, error);
 }
 
 bool PsmManager::WakeUnlock(const std::string& name) {

@@ -16,6 +16,7 @@
 #include "platform/linux/tcp_connect.h"
 #include "platform/linux/tls_session.h"
 #include "util/log.h"
+#include "util/scope_exit.h"
 
 namespace zeb::util {
 namespace {
@@ -69,7 +70,10 @@ ssize_t ReadTcp(int fd, void* data, size_t length) {
 
 bool Socket::SetTCPNoDelay(bool enable) {
   const int value = enable ? 1 : 0;
-  return ::setsockopt(fd_.get(), IPPROTO_TCP, TCP_NODELAY, &value, sizeof value) == 0;
+  if (::setsockopt(fd_.get(), IPPROTO_TCP, TCP_NODELAY, &value, sizeof value) == 0) return true;
+  const int error = errno;
+  if (fd_.valid()) ZEB_LOG(LOG_WARNING, "delay not set: %s", std::generic_category().message(error).c_str());
+  return false;
 }
 
 struct SocketClient::State {
@@ -143,10 +147,9 @@ bool SocketClient::IsConnected() const { return state_->connected; }
 ssize_t SocketClient::Send(const void* data, size_t length, bool last) {
   const Deadline deadline(state_->option.timeout_us);
   if (!state_->connected || !state_->turn.Take(deadline)) return -1;
-  bool cut_short = false;
-  const ssize_t sent = state_->WriteUnit(static_cast<const char*>(data), length, deadline, &cut_short);
-  state_->turn.Give(cut_short || last);
-  return sent;
+  bool cut_short = true;  // until it is known better, even by an exception
+  const ScopeExit give([&] { state_->turn.Give(cut_short || last); });
+  return state_->WriteUnit(static_cast<const char*>(data), length, deadline, &cut_short);
 }
 
 ssize_t SocketClient::Recv(void* data, size_t length) {

@@ -218,6 +218,9 @@ class SelfMqttImpl {
   void AnswerPublish(const InboundPacket& packet, const PublishMessage& message);
   void DecodePubAck(InboundPacket& packet, AckEvent& event) const;
   bool DecodePubRel(InboundPacket& packet, AckEvent& event);
+  bool TakeRelease(uint16_t message_id);
+  bool ForgetRelease(uint16_t message_id);
+  void KeepReleases();
   bool DecodeSubAck(InboundPacket& packet, AckEvent& event) const;
   bool DecodePingResp(InboundPacket& packet);
   bool DecodeDisconnect(InboundPacket& packet);
@@ -317,6 +320,13 @@ class SelfMqttImpl {
   std::list<PairedString> pubrec_user_property_;   // option_mutex_
   std::list<PairedString> pubcomp_user_property_;  // option_mutex_
   std::list<RecvPublishMsg> recv_publish_msg_l;    // receive thread; survives a restart
+
+  // Identifiers whose PUBCOMP went out in this session and in those before, newest last; receive thread. A
+  // broker that lost one with the connection repeats its PUBREL in the next session: left unanswered it would
+  // hold a place in the broker's window for ever.
+  static constexpr size_t k_max_released = 256;
+  std::deque<uint16_t> released_now_;
+  std::deque<uint16_t> released_before_;
 
   // What several requests and a stop from anywhere need beyond that.
   mutable util::Mutex option_mutex_;  // option_, tag_, the three lists

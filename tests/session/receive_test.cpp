@@ -54,6 +54,27 @@ TEST(Stream, IsTheSameWhereverItIsCutAndBehindRefusedPackets) {
   EXPECT_EQ(session.broker.Await(MsgType::PUBACK, expected.size() / 4 + 3).hex(), "40020005");
 }
 
+TEST(Stream, APubrelThatTheBrokerRepeatsInItsNextSessionIsAnswered) {
+  StartedSession session(k_mqtt311, {{MsgType::PUBREC, Ignore}});
+  const auto expect = [&](const char* inbound, size_t pubrecs, size_t pubcomps) {
+    session.Send(inbound);
+    EXPECT_TRUE(session.Healthy());
+    EXPECT_EQ(session.broker.Count(MsgType::PUBREC), pubrecs);
+    EXPECT_EQ(session.broker.Count(MsgType::PUBCOMP), pubcomps);
+  };
+  expect("3405 000161 0009 3405 000161 000a 62020009", 2, 1);
+  expect("62020009", 2, 1);  // not within the same one
+  for (int restart = 0; restart < 2; ++restart) {
+    EXPECT_EQ(session.Stop(), kSuccess);
+    EXPECT_EQ(session.Start(), kSuccess);
+  }
+  expect("62020009 6202000a", 2, 3);
+  expect("62020009 6202000a 6202000b", 2, 3);
+  EXPECT_EQ(session.Stop(), kSuccess);
+  EXPECT_EQ(session.Start(), kSuccess);
+  expect("3405 000161 0009 62020009 62020009", 3, 4);  // a new message under the identifier
+}
+
 TEST(Stream, ResumesBehindAPacketThatIsTooLarge) {
   StartedSession session;
   std::vector<std::string> expected;

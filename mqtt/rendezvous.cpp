@@ -216,7 +216,7 @@ SelfMqttImpl::QueueLook SelfMqttImpl::PauseDrain(const util::SocketClient& socke
     if (recv_ended_) break;
     const QueueLook look = LookAtSendQueue(&socket);
     if (look != QueueLook::kUnsent) return look;
-    interval_us *= 2;
+    interval_us = std::min(2 * interval_us, kDrainPollUs);  // a flood of news makes this loop turn often
   }
   return QueueLook::kUnsent;
 }

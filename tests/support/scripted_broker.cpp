@@ -62,6 +62,11 @@ void Connection::Close(bool at_once) {
 void Connection::StopReading() {
   broker_.Change([this] { reading_ = false; });
 }
+bool Connection::Pause(int ms) {
+  broker_.Change([this] { broker_.Write(*this); });
+  pollfd end{fd_.get(), POLLRDHUP, 0};
+  return fd_.valid() && ::poll(&end, 1, ms) == 0;
+}
 
 void ScriptedBroker::Answer(Connection& connection, const Packet& packet) {
   // Before and behind the packet identifier, in MQTT 3.1.1 and 5.0.
@@ -125,9 +130,12 @@ void ScriptedBroker::Accept() {
   if (!fd.valid()) return;
   const int on = 1;
   ::setsockopt(fd.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-  const std::lock_guard<std::mutex> lock(mutex_);
-  connections_.emplace_back(new Connection(*this));
-  connections_.back()->fd_ = std::move(fd);
+  std::unique_lock<std::mutex> lock(mutex_);
+  Connection& connection = *connections_.emplace_back(new Connection(*this));
+  connection.fd_ = std::move(fd);
+  lock.unlock();
+  const auto own = handlers_.find(MsgType::RESERVED);
+  if (own != handlers_.end()) own->second(connection, Packet());
 }
 
 void ScriptedBroker::Read(Connection& connection) {

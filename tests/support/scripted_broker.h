@@ -43,6 +43,8 @@ class Connection {
   void Close(bool at_once = false);
   /// Takes nothing more from the client.
   void StopReading();
+  /// In a handler: sends what is queued and waits. False once the client has closed.
+  [[nodiscard]] bool Pause(int ms);
 
  private:
   friend class ScriptedBroker;
@@ -58,7 +60,7 @@ class Connection {
   bool resetting_ = false;
 };
 
-/// Runs on the broker's thread for every packet of a type.
+/// Runs on the broker's thread for every packet of a type; RESERVED: for every new connection.
 using Handler = std::function<void(Connection&, const Packet&)>;
 /// Always the same answer.
 inline Handler Reply(const std::string& hex) {

@@ -114,27 +114,6 @@ TEST(Inbound, TenThousandMessagesAreAnsweredInOrderInConstantMemory) {
 }
 
 // Whatever comes in, every call ends near its time-out and the client can be stopped and started again.
-TEST(Hostile, GarbageNeverHangsOrCrashes) {
-  const auto run = [](uint32_t seed) {
-    const auto send_garbage = [state = seed](Connection& connection, const Packet&) mutable {
-      std::string bytes(28'000, '\0');
-      for (size_t i = 0; i < bytes.size(); ++i) {
-        state = state * 1'664'525U + 1'013'904'223U;
-        bytes[i] = static_cast<char>(state >> (i % 9 == 1 ? 27 : 24));  // short lengths
-      }
-      connection.Send(bytes);
-    };
-    Session session(seed % 2 == 0 ? k_mqtt311 : k_mqtt5, {{MsgType::PUBLISH, send_garbage}}, 1);
-    EXPECT_EQ(session.Start(), kSuccess);
-    EXPECT_LT(Seconds([&] { (void)session.Publish(1); }), 5.0) << seed;
-    EXPECT_LT(Seconds([&] { (void)session.Stop(); }), 5.0) << seed;
-    EXPECT_EQ(session.Start(), kSuccess) << seed;
-  };
-  std::vector<std::future<void>> runs;
-  for (uint32_t seed = 1; seed <= 12; ++seed) runs.push_back(std::async(std::launch::async, run, seed));
-  for (auto& each : runs) each.get();
-}
-
 TEST(Hostile, AFloodFromABrokerThatNeverReadsHoldsNoCallForLong) {
   std::list<MqttWrapper::PairedString> some = {{"k", std::string(1'000, 'x')}};  // soon clogs the way
   for (const bool stops : {true, false}) {

@@ -9,13 +9,17 @@
 
 #include "tests/support/mailbox.h"
 
+extern "C" void vsyslog(int priority, const char* format, va_list arguments);
+
 namespace zeb::test {
 namespace {
 
 const auto& kept = *new Mailbox<LogCapture::Line>;  // never freed: threads may log until the process ends
 std::atomic<bool> capturing{false};
+std::atomic<bool> passing_on{false};
 
 __attribute__((format(printf, 2, 0))) void Keep(int priority, const char* format, va_list arguments) {
+  if (passing_on.load(std::memory_order_relaxed)) return ::vsyslog(priority, format, arguments);
   // Relaxed, so that logging orders no two threads while nobody captures and hides no race.
   char* text = nullptr;
   if (!capturing.load(std::memory_order_relaxed) || ::vasprintf(&text, format, arguments) < 0) return;
@@ -24,6 +28,8 @@ __attribute__((format(printf, 2, 0))) void Keep(int priority, const char* format
 }
 
 }  // namespace
+
+void PassLogOn(bool pass_on) { passing_on = pass_on; }
 
 LogCapture::LogCapture() {
   kept.Clear();

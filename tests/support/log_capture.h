@@ -26,4 +26,7 @@ class LogCapture {
   }
 };
 
+/// While true, lines go to the system's log and nowhere else.
+void PassLogOn(bool pass_on);
+
 }  // namespace zeb::test

@@ -2,6 +2,7 @@
 // it received, for a test to compare byte by byte.
 #pragma once
 
+#include <algorithm>
 #include <functional>
 #include <map>
 #include <memory>
@@ -85,6 +86,12 @@ class ScriptedBroker {
   [[nodiscard]] Connection& connection() {
     const std::lock_guard<std::mutex> lock(mutex_);
     return *connections_.back();
+  }
+  /// How many connections are open.
+  [[nodiscard]] size_t Open() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return static_cast<size_t>(std::count_if(connections_.begin(), connections_.end(),
+                                             [](const auto& each) { return each->fd_.valid(); }));
   }
   /// Every packet of the type, from all connections in order of arrival; waits for `at_least` so many.
   [[nodiscard]] std::vector<Packet> Received(MsgType type, size_t at_least = 0) const {

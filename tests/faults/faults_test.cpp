@@ -178,6 +178,9 @@ class Faults : public testing::TestWithParam<Case> {
 
 TEST_P(Faults, AtEveryCallAreToldAndSurvived) {
   const auto& [call, error, lines] = GetParam();
+#ifdef __SANITIZE_ADDRESS__
+  if (call == std::string("setrlimit")) GTEST_SKIP() << "the sanitizer itself needs descriptors";
+#endif
   rlimit usual{};
   ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &usual), 0);
   for (int nth = 1, round = 0; round < 2; ++nth) {
@@ -208,23 +211,24 @@ TEST_P(Faults, AtEveryCallAreToldAndSurvived) {
 }
 INSTANTIATE_TEST_SUITE_P(
     , Faults,
-    testing::Values(
-        Case{"eventfd",
-             EMFILE,
-             {"eventfd errno [24]", "no resources", "not watched: Too", "a stop waits for the"}},
-        Case{"timerfd_create", EMFILE, {"timerfd_create errno [24]"}},
-        Case{"timerfd_settime", EINVAL, {"timerfd_settime errno [22]", "Cannot reset timerfd"}},
-        Case{"epoll_create1", EMFILE, {"epoll_create errno [24]"}},
-        Case{"epoll_ctl", ENOSPC, {"EPOLL_CTL_ADD fd ["}}, Case{"epoll_wait", EINVAL, {"select errno 22"}},
-        Case{"epoll_wait", EINTR}, Case{"poll", EINTR}, Case{"send", EINTR}, Case{"recv", EINTR},
-        Case{"socket", EMFILE, {": Too many open files"}},
-        Case{"setsockopt", ENOBUFS, {"not set: No buffer space available"}},
-        Case{"pthread_create", EAGAIN, {"no thread: Resource temporarily unavailable"}},
-        Case{"getifaddrs", EMFILE, {"interfaces not listed: Too many open files"}},
-        Case{"calloc", ENOMEM, {"Cannot alloc receive buf"}}, Case{"new", ENOMEM},
-        Case{"setrlimit",
-             0,
-             {"errno [24]", "Too many open files", "no resources", "a stop waits", "Cannot get CONNACK"}}),
+    testing::Values(Case{"eventfd",
+                         EMFILE,
+                         {"eventfd errno [24]", "no resources", "not watched: Too", "a stop waits for the"}},
+                    Case{"timerfd_create", EMFILE, {"timerfd_create errno [24]"}},
+                    Case{"timerfd_settime", EINVAL, {"timerfd_settime errno [22]", "Cannot reset timerfd"}},
+                    Case{"epoll_create1", EMFILE, {"epoll_create errno [24]"}},
+                    Case{"epoll_ctl", ENOSPC, {"EPOLL_CTL_ADD fd ["}},
+                    Case{"epoll_wait", EINVAL, {"select errno 22"}}, Case{"epoll_wait", EINTR},
+                    Case{"poll", EINTR}, Case{"send", EINTR}, Case{"recv", EINTR},
+                    Case{"socket", EMFILE, {": Too many open files"}},
+                    Case{"setsockopt", ENOBUFS, {"not set: No buffer space available"}},
+                    Case{"pthread_create", EAGAIN, {"no thread: Resource temporarily unavailable"}},
+                    Case{"getifaddrs", EMFILE, {"interfaces not listed: Too many open files"}},
+                    Case{"calloc", ENOMEM, {"Cannot alloc receive buf"}}, Case{"new", ENOMEM},
+                    Case{"setrlimit",
+                         0,
+                         {"errno [24]", "Too many open files", "no resources", "a stop waits",
+                          "Cannot get CONNACK", "Cannot Resolv"}}),
     [](const auto& test) { return test.param.call + std::to_string(test.param.error); });
 
 TEST_F(Faults, SignalsInterruptNothing) {

@@ -58,7 +58,7 @@ TEST(Stream, APubrelThatTheBrokerRepeatsInItsNextSessionIsAnswered) {
   StartedSession session(k_mqtt311, {{MsgType::PUBREC, Ignore}});
   const auto expect = [&](const char* inbound, size_t pubrecs, size_t pubcomps) {
     session.Send(inbound);
-    EXPECT_TRUE(session.Healthy());
+    for (int trip = 0; trip < 2; ++trip) EXPECT_TRUE(session.Healthy());  // the answers have come in by then
     EXPECT_EQ(session.broker.Count(MsgType::PUBREC), pubrecs);
     EXPECT_EQ(session.broker.Count(MsgType::PUBCOMP), pubcomps);
   };

@@ -1,4 +1,5 @@
-# zeb_enable_sanitizers(TARGET): builds and links the target with what ZEB_SANITIZE names.
+# zeb_enable_sanitizers(TARGET): builds and links the target with what ZEB_SANITIZE names, and instruments it
+# for the fuzzers when these are built.
 set(ZEB_SANITIZE "" CACHE STRING "Empty, address (with undefined behaviour), or thread")
 set_property(CACHE ZEB_SANITIZE PROPERTY STRINGS "" address thread)
 if(NOT ZEB_SANITIZE MATCHES "^(address|thread)?$")
@@ -6,6 +7,9 @@ if(NOT ZEB_SANITIZE MATCHES "^(address|thread)?$")
 endif()
 
 function(zeb_enable_sanitizers target)
+  if(ZEB_BUILD_FUZZERS)
+    target_compile_options(${target} PRIVATE -fsanitize=fuzzer-no-link)
+  endif()
   if(NOT ZEB_SANITIZE)
     return()
   endif()

@@ -51,6 +51,31 @@ struct SelfMqttImplPeer {
     const auto socket = client.SharedSocket();
     return socket != nullptr ? socket->GetFd() : -1;
   }
+
+  using MessageCallback = std::function<void(MqttWrapper::PublishMessage&)>;
+  /// A session over `socket`, as after CONNACK, but without a receive thread: its steps are called here.
+  static void SetConnected(SelfMqttImpl& client, int32_t protocol, MessageCallback message_cb,
+                           const std::shared_ptr<util::SocketClient>& socket) {
+    MqttWrapper::ConnectOption option;
+    option.protocol = protocol;
+    option.message_cb = std::move(message_cb);
+    SetOption(client, option);
+    SetTimeout(client, 1);
+    client.ReplaceConnection(socket, nullptr);
+    client.connect_state_ = SelfMqttImpl::ConnectState::kSent;
+    client.status_ = SelfMqttImpl::kSessionEstablished;
+    client.keep_thread_ = true;
+  }
+  static std::shared_ptr<util::SocketClient> Socket(const SelfMqttImpl& client) {
+    return client.SharedSocket();
+  }
+  using RecvLoop = SelfMqttImpl::RecvLoop;  // complete where mqtt/recv_loop.h is included
+  static void ReceiveAvailable(SelfMqttImpl& client, RecvLoop& loop) { client.ReceiveAvailable(loop); }
+  static int32_t DisReason(const SelfMqttImpl& client) { return client.dis_reason_; }
+  /// Bytes of an unfinished packet: those in the buffer, and those of an oversized one beyond it.
+  static std::pair<size_t, size_t> LeftBytes(const SelfMqttImpl& client) {
+    return {static_cast<size_t>(client.left_buf_size_), static_cast<size_t>(client.extra_packet_size_)};
+  }
 };
 
 }  // namespace zeb::mqtt

@@ -72,7 +72,7 @@ TEST_F(Uplinks, TheInterfaceDecidesWhichBrokerAnswers) {
   }
 }
 
-TEST_F(Uplinks, OnlyTheLossOfTheLastAddressEndsTheSession) {
+TEST_F(Uplinks, OnlyTheLossOfTheLastAddressEndsTheSessionAndAPublishThatWaits) {
   const struct {
     const char *host, *other, *last;
   } cases[] = {{"192.0.2.1", "addr del 10.0.1.2/24 dev up1", "addr del 10.0.0.2/24 dev up0"},
@@ -83,9 +83,11 @@ TEST_F(Uplinks, OnlyTheLossOfTheLastAddressEndsTheSession) {
                {"2001:db8::1", "link set up1 down", "link set up0 down"}};
   for (const auto& c : cases) {
     SCOPED_TRACE(c.last);
-    const auto session = SessionAt("peer0");
+    const auto session = SessionAt("peer0", {{MsgType::PUBLISH, Ignore}}, 600);
     session->option.host = c.host;
     ASSERT_EQ(session->Start(), kSuccess);
+    auto publish = session->PublishAsync(1);
+    ASSERT_EQ(session->broker.Await(MsgType::PUBLISH).type(), MsgType::PUBLISH);
     Ip(c.other);
     EXPECT_TRUE(session->Healthy());
     EXPECT_EQ(session->ends.Await(0).size(), 0U);
@@ -93,6 +95,8 @@ TEST_F(Uplinks, OnlyTheLossOfTheLastAddressEndsTheSession) {
     const double seconds = Seconds([&] { EXPECT_EQ(session->ends.Await(1), std::vector<int>{2}); });
     EXPECT_LT(seconds, 5.0);  // milliseconds mostly; the kernel reports a lost carrier within a second
     EXPECT_EQ(session->client.GetStatusInfo().dis_reason, 2);
+    ASSERT_EQ(publish.wait_for(k_deadline), std::future_status::ready);
+    EXPECT_EQ(publish.get(), kFailure);
     Destroy();
     Build();
   }

@@ -53,7 +53,8 @@ struct HostileBroker {
     const bool calm = Any(random, 16) < (first ? 14 : calmness);
     if (calm) return packet.raw.empty() ? void() : ScriptedBroker::Answer(client, packet);
     constexpr size_t k_answers[] = {2, 2, 0, 4, 0, 6, 7, 0, 9, 0, 11, 0, 13, 0, 0, 0};  // to each type
-    Misbehave(client, k_answers[static_cast<size_t>(packet.type())] + packet.qos() / 2, packet.id());
+    Misbehave(client, k_answers[static_cast<size_t>(packet.type())] + (packet.qos() > 1 ? 1 : 0),
+              packet.id());
   }
 
   void Misbehave(Connection& client, size_t type, const std::string& id) {

@@ -57,12 +57,13 @@ class Stress : public testing::Test {
   /// Rounds of a second, each with clients of its own. `files` are for TLS.
   void Run(const TempFiles* files) {
     const char* const seconds = std::getenv("ZEB_STRESS_SECONDS");
-    for (int round = std::atoi(seconds != nullptr ? seconds : "5"); round > 0; --round)
+    for (auto round = static_cast<unsigned>(std::atoi(seconds != nullptr ? seconds : "5")); round > 0;
+         --round)
       RunRound(files, round);
     for (const auto* count : {&starts_, &restarts_, &stops_, &handshakes_}) EXPECT_GT(*count, 0);
   }
 
-  void RunRound(const TempFiles* files, int seed) {
+  void RunRound(const TempFiles* files, unsigned seed) {
     const auto echo = [random = Random(seed)](Connection& client, const Packet& packet) mutable {
       ScriptedBroker::Answer(client, packet);
       client.Send(packet.raw);
@@ -78,7 +79,7 @@ class Stress : public testing::Test {
     const std::shared_ptr<Slot> slots[] = {std::make_shared<Slot>(), std::make_shared<Slot>()};
     std::vector<std::future<void>> threads;
     const int64_t end_us = util::MonotonicUs() + 1'000'000;
-    for (int thread = 0; thread < 8; ++thread) {
+    for (unsigned thread = 0; thread < 8; ++thread) {
       threads.push_back(std::async(std::launch::async, [&, random = Random(seed * 8 + thread)]() mutable {
         auto option = Options(broker.port(), k_mqtt311, 1);
         option.tls = files != nullptr;

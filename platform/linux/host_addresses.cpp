@@ -63,7 +63,11 @@ bool ReachesOthers(const ifaddrs& entry) {
 // The kernel's own answer covers what no interface lists, a whole local prefix for one.
 bool IsForeignToTheHost(const sockaddr_storage& address, socklen_t length) {
   const ScopedFd probe(::socket(address.ss_family, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-  if (!probe.valid()) return false;
+  const int error = errno;
+  if (!probe.valid()) {
+    ZEB_LOG(LOG_WARNING, "own address not checked: %s", std::generic_category().message(error).c_str());
+    return false;
+  }
   sockaddr_storage any_port = address;
   reinterpret_cast<sockaddr_in*>(&any_port)->sin_port = 0;  // at the same place in an IPv6 address
   return ::bind(probe.get(), reinterpret_cast<const sockaddr*>(&any_port), length) != 0 &&
@@ -108,11 +112,12 @@ const char* LostIpVersion(int socket_fd) {
   const auto* const address = reinterpret_cast<const sockaddr*>(&local);
   if (::getsockname(socket_fd, reinterpret_cast<sockaddr*>(&local), &length) != 0 || !IsIp(address))
     return nullptr;
+  if (!IsForeignToTheHost(local, length)) return nullptr;
+  // It also disowns an address that it still checks for duplicates; and a list costs ten times that question.
   const InterfaceList list = ListInterfaces();
   if (list == nullptr) return nullptr;
   for (const ifaddrs* entry = list.get(); entry != nullptr; entry = entry->ifa_next)
     if (IsIp(entry->ifa_addr) && IsSameAddress(entry->ifa_addr, address)) return nullptr;
-  if (!IsForeignToTheHost(local, length)) return nullptr;
   return local.ss_family == AF_INET6 ? "6" : "4";
 }
 

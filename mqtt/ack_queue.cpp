@@ -26,17 +26,10 @@ bool CanBeAwaited(MsgType type) {
 }
 
 // An acknowledgement that nobody asked for may bear 128 KiB of them.
-AckEvent WithoutProperties(const AckEvent& event) {
-  AckEvent bare;
-  bare.type = event.type;
-  bare.message_id = event.message_id;
-  bare.connect_ack.session_present = event.connect_ack.session_present;
-  bare.connect_ack.reason_code = event.connect_ack.reason_code;
-  bare.subscription_ack.message_id = event.subscription_ack.message_id;
-  bare.subscription_ack.reason_code = event.subscription_ack.reason_code;
-  bare.unsubscription_ack.message_id = event.unsubscription_ack.message_id;
-  bare.unsubscription_ack.reason_code = event.unsubscription_ack.reason_code;
-  return bare;
+void DropProperties(AckRecords& records) {
+  records.connect_ack.properties = {};
+  records.subscription_ack.properties = {};
+  records.unsubscription_ack.properties = {};
 }
 
 }  // namespace
@@ -53,10 +46,12 @@ AckQueue::Waiter::~Waiter() {
   queue_.waiters_.remove(this);
 }
 
-void AckQueue::Enqueue(const AckEvent& event) {
+void AckQueue::Enqueue(AckEvent event) {
+  const MsgType type = event.type;
   util::MutexLock lock(mutex_);
-  ack_event_l_.push_back({++last_number_, TypeIsAwaited(event.type) ? event : WithoutProperties(event)});
-  if (CanBeAwaited(event.type)) {
+  if (event.records != nullptr && !TypeIsAwaited(type)) DropProperties(*event.records);
+  ack_event_l_.push_back({++last_number_, std::move(event)});
+  if (CanBeAwaited(type)) {
     last_awaitable_ = last_number_;
   } else {
     ++unawaited_count_;

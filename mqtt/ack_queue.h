@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <list>
+#include <memory>
 
 #include "mqtt/mqtt_wrapper.h"
 #include "util/condition.h"
@@ -12,13 +13,19 @@ namespace zeb::mqtt {
 
 using MsgType = MqttWrapper::MessageType;
 
-/// One inbound packet, as far as a waiting request needs it. Type RESERVED marks the connection's end.
-struct AckEvent {
-  MsgType type = MsgType::RESERVED;
+/// What three of the acknowledgements tell beyond their type and identifier.
+struct AckRecords {
   MqttWrapper::ConnectAck connect_ack;                // CONNACK
   MqttWrapper::SubscriptionAck subscription_ack;      // SUBACK
   MqttWrapper::UnsubscriptionAck unsubscription_ack;  // UNSUBACK
+};
+
+/// One inbound packet, as far as a waiting request needs it. Type RESERVED marks the connection's end. Nearly
+/// all of them, one a message and more, are a type and an identifier.
+struct AckEvent {
+  MsgType type = MsgType::RESERVED;
   uint16_t message_id = 0;
+  std::unique_ptr<AckRecords> records;  // of CONNACK, SUBACK and UNSUBACK; else null
 };
 
 /// Events in order of arrival. Several requests wait at once, each registered with what it awaits: an event
@@ -66,9 +73,8 @@ class AckQueue {
     size_t queued = 0;  // events in the queue afterwards
   };
 
-  /// Appends a copy of the event and wakes every waiter. Properties that no request is waiting for are left
-  /// out.
-  void Enqueue(const AckEvent& event);
+  /// Appends the event and wakes every waiter. Properties that no request is waiting for are left out.
+  void Enqueue(AckEvent event);
 
   /// Takes the next event that this waiter has not seen, waiting for one up to `timeout_us` (0 or more; after
   /// a time-out it looks once more). On a match the event is moved to `out`.

@@ -106,7 +106,7 @@ int SelfMqttImpl::DecodePacket(const uint8_t* buf, size_t len) {
   }
   AckEvent event;
   event.type = packet.type;
-  if (DecodeByType(packet, event)) ack_event_q_.Enqueue(event);
+  if (DecodeByType(packet, event)) ack_event_q_.Enqueue(std::move(event));
   return static_cast<int>(packet.used);
 }
 
@@ -142,15 +142,17 @@ bool SelfMqttImpl::DecodeConnack(InboundPacket& packet, AckEvent& event) const {
   const auto option = Options();
   uint8_t flags = 0;
   uint8_t code = 0;
+  event.records = std::make_unique<AckRecords>();
+  ConnectAck& ack = event.records->connect_ack;
   if (packet.ReadByte(&flags) && packet.ReadByte(&code)) {
-    event.connect_ack.session_present = (flags & 1) != 0;
-    event.connect_ack.reason_code = code;
+    ack.session_present = (flags & 1) != 0;
+    ack.reason_code = code;
     CLIENT_LOG_AS(
         kDecodePacket, LOG_DEBUG,
         "connect_acknowledge_flags 0x%x return_code %d[%s] session_present [%d] clean_session [%d]\n", flags,
         code, MqttWrapper::GetConnectReturnCodeInStr(static_cast<int>(code)).c_str(), flags & 1,
         option->clean_session ? 1 : 0);
-    if (option->protocol == k_mqtt5) packet.ReadProperties(event.connect_ack.properties);
+    if (option->protocol == k_mqtt5) packet.ReadProperties(ack.properties);
   }
   packet.CheckPosition();
   return true;
@@ -214,21 +216,21 @@ bool SelfMqttImpl::DecodeSubAck(InboundPacket& packet, AckEvent& event) const {
   const bool mqtt5 = IsMqtt5();
   const bool suback = packet.type == MsgType::SUBACK;
   int code = kNoCode;
+  event.records = std::make_unique<AckRecords>();
+  auto& [connect_ack, subscription_ack, unsubscription_ack] = *event.records;
   if (packet.ReadUint16(&event.message_id)) {
-    if (mqtt5) {
-      packet.ReadProperties(suback ? event.subscription_ack.properties : event.unsubscription_ack.properties);
-    }
+    if (mqtt5) packet.ReadProperties(suback ? subscription_ack.properties : unsubscription_ack.properties);
     uint8_t first = 0;
     if ((suback || mqtt5) && packet.ReadByte(&first)) code = first;
   }
   CLIENT_LOG_AS(kDecodePacket, LOG_DEBUG, "message_id %u payload 0x%x\n",
                 static_cast<unsigned int>(event.message_id), static_cast<unsigned int>(code));
   if (suback) {
-    event.subscription_ack.message_id = event.message_id;
-    if (code != kNoCode) event.subscription_ack.reason_code = code;
+    subscription_ack.message_id = event.message_id;
+    if (code != kNoCode) subscription_ack.reason_code = code;
   } else {
-    event.unsubscription_ack.message_id = event.message_id;
-    if (code != kNoCode) event.unsubscription_ack.reason_code = code;
+    unsubscription_ack.message_id = event.message_id;
+    if (code != kNoCode) unsubscription_ack.reason_code = code;
   }
   packet.CheckPosition();
   return true;

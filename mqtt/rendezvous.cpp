@@ -310,22 +310,25 @@ Result SelfMqttImpl::AwaitAck(AckQueue::Waiter& waiter, MsgType awaited, int mes
   return kFailure;
 }
 
+// Every acknowledgement that is delivered to the caller has its records.
 void SelfMqttImpl::DeliverAck(MsgType type, AckEvent& event, void* ack) const {
+  AckRecords* const records = event.records.get();
+  if (records == nullptr) return;
   if (type == MsgType::CONNECT) {
     CLIENT_LOG_AS(
         kSendAndWait, LOG_DEBUG, "CONNACK reason_code %s",
-        MqttWrapper::GetConnectReasonCodeInStr(static_cast<int>(event.connect_ack.reason_code)).c_str());
+        MqttWrapper::GetConnectReasonCodeInStr(static_cast<int>(records->connect_ack.reason_code)).c_str());
   }
   if (ack == nullptr) return;
   switch (type) {
     case MsgType::CONNECT:
-      *static_cast<ConnectAck*>(ack) = std::move(event.connect_ack);
+      *static_cast<ConnectAck*>(ack) = std::move(records->connect_ack);
       break;
     case MsgType::SUBSCRIBE:
-      *static_cast<MqttWrapper::SubscriptionAck*>(ack) = std::move(event.subscription_ack);
+      *static_cast<MqttWrapper::SubscriptionAck*>(ack) = std::move(records->subscription_ack);
       break;
     case MsgType::UNSUBSCRIBE:
-      *static_cast<MqttWrapper::UnsubscriptionAck*>(ack) = std::move(event.unsubscription_ack);
+      *static_cast<MqttWrapper::UnsubscriptionAck*>(ack) = std::move(records->unsubscription_ack);
       break;
     default:
       break;

@@ -20,7 +20,7 @@ using Peer = SelfMqttImplPeer;
 // The first two as in ConnectOption::protocol; the last is for a row during whose packets a Ping() waits.
 enum : int32_t { k_v3 = 1, k_v5 = 2, k_both = 3, k_both_pinging = 7 };
 
-std::string Described(const AckEvent& event) {
+std::string Described(const Peer::QueuedEvent& event) {
   std::string text = MqttWrapper::GetMsgTypeInStr(event.type) + " " + std::to_string(event.message_id);
   const auto add = [&](const char* name, int first, const auto& ack) {
     if (first == 0 && ack.reason_code == MqttWrapper::k_no_reason_code) return;
@@ -56,7 +56,7 @@ struct Receiver {
     const AckQueue::Waiter waiter(Peer::Queue(client), type, 0);  // for the event to keep its properties
     const int used = client.DecodePackets(bytes.data(), bytes.size());
     std::string all = used == static_cast<int>(bytes.size()) ? "" : "used " + std::to_string(used) + ";";
-    for (const AckEvent& event : Peer::QueuedEvents(client)) all += Described(event);
+    for (const auto& event : Peer::QueuedEvents(client)) all += Described(event);
     for (const auto& due : Peer::DueReleases(client)) text += "due " + std::to_string(due.message_id) + ";";
     const bool ended = !Peer::KeepThread(client);
     if (ended) text += "ended " + std::to_string(client.GetStatusInfo().reason_code) + ";";

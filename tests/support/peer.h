@@ -36,11 +36,17 @@ struct SelfMqttImplPeer {
   }
 
   static AckQueue& Queue(SelfMqttImpl& client) { return client.ack_event_q_; }
+  struct QueuedEvent : AckRecords {
+    MsgType type;
+    uint16_t message_id;
+  };
   /// Copies of the queued events, oldest first.
-  static std::vector<AckEvent> QueuedEvents(SelfMqttImpl& client) {
+  static std::vector<QueuedEvent> QueuedEvents(SelfMqttImpl& client) {
     const util::MutexLock lock(client.ack_event_q_.mutex_);
-    std::vector<AckEvent> events;
-    for (const auto& entry : client.ack_event_q_.ack_event_l_) events.push_back(entry.event);
+    std::vector<QueuedEvent> events;
+    for (const auto& [number, event] : client.ack_event_q_.ack_event_l_)
+      events.push_back(
+          {event.records != nullptr ? *event.records : AckRecords(), event.type, event.message_id});
     return events;
   }
   /// Whether the receive thread is to go on.

@@ -28,7 +28,9 @@ constexpr size_t kMaxFixedHeader = 5;         // bytes
 constexpr int32_t kDrainPollsPerSecond = 50;  // of the send queue,
 constexpr int64_t kDrainPollUs = 20'000;      // this far apart
 constexpr int64_t kFirstDrainLookUs = 50;     // first look between the first two polls; then doubling
-constexpr size_t kMaxPendingDrains = 1024;    // packets that the receive thread still watches
+constexpr int64_t kAwaitingDrainLookUs =
+    5'000;                                  // the same where an answer wakes the caller: each timer costs
+constexpr size_t kMaxPendingDrains = 1024;  // packets that the receive thread still watches
 constexpr int64_t kUsPerSecond = 1'000'000;
 
 std::string NameOf(MsgType type) { return MqttWrapper::GetMsgTypeInStr(type); }
@@ -180,11 +182,13 @@ void SelfMqttImpl::LogDrained(int64_t start_us) const {
 Result SelfMqttImpl::DrainSendQueue(const util::SocketClient& socket, int64_t start_us, bool awaits) {
   const int32_t timeout_sec = timeout_sec_;
   const int32_t polls = timeout_sec * kDrainPollsPerSecond;
+  const int64_t first_look_us = awaits ? kAwaitingDrainLookUs : kFirstDrainLookUs;
   uint64_t news = ack_event_q_.News();
   QueueLook look = polls < 0 ? QueueLook::kEmpty : QueueLook::kUnsent;
   for (int32_t poll = 0; poll < polls; ++poll) {
     look = LookAtSendQueue(&socket);
-    if (look == QueueLook::kUnsent && poll + 1 < polls) look = PauseDrain(socket, poll == 0, &news);
+    if (look == QueueLook::kUnsent && poll + 1 < polls)
+      look = PauseDrain(socket, poll == 0 ? first_look_us : kDrainPollUs, &news);
     if (look != QueueLook::kUnsent) break;
     if (recv_ended_) {
       // A broker that closes at once, as after DISCONNECT, has taken everything by then.
@@ -207,10 +211,9 @@ Result SelfMqttImpl::DrainSendQueue(const util::SocketClient& socket, int64_t st
 
 // The time between two polls. An acknowledgement that comes in mostly proves that the packet has left, so it
 // ends the pause early; and soon after the write a look at short intervals pays. Returns the last look.
-SelfMqttImpl::QueueLook SelfMqttImpl::PauseDrain(const util::SocketClient& socket, bool first,
+SelfMqttImpl::QueueLook SelfMqttImpl::PauseDrain(const util::SocketClient& socket, int64_t interval_us,
                                                  uint64_t* news) {
   const int64_t until_us = util::MonotonicUs() + kDrainPollUs;
-  int64_t interval_us = first ? kFirstDrainLookUs : kDrainPollUs;
   for (int64_t now_us = until_us - kDrainPollUs; now_us < until_us; now_us = util::MonotonicUs()) {
     ack_event_q_.AwaitNews(news, std::min(interval_us, until_us - now_us));
     if (recv_ended_) break;

@@ -167,7 +167,7 @@ class SelfMqttImpl {
   enum class QueueLook { kEmpty, kUnsent, kFailed };
   QueueLook LookAtSendQueue(const util::SocketClient* socket);
   Result DrainSendQueue(const util::SocketClient& socket, int64_t start_us, bool awaits);
-  QueueLook PauseDrain(const util::SocketClient& socket, bool first, uint64_t* news);
+  QueueLook PauseDrain(const util::SocketClient& socket, int64_t interval_us, uint64_t* news);
   void LogDrained(int64_t start_us) const;
   Result DrainFromLoop(const util::SocketClient& socket, int64_t start_us);
   static void LogNoAck(MsgType awaited, int32_t timeout_sec);

@@ -39,7 +39,9 @@ struct Receiver {
     });
     fuzz::wire.end = (mode & 2) != 0 ? 0 : (mode & 4) != 0 ? -1 : util::SocketClient::k_nothing_now;
     loop.socket = Peer::Socket(*client);
-    loop.rx_buf.reset(static_cast<uint8_t*>(std::calloc(k_buffer, 1)));
+    constexpr size_t k_guard = 65'536;  // a page of any size: a byte past the buffer is a crash
+    loop.rx_buf = util::MapZeroedPages(k_buffer + k_guard);
+    fuzz::Require(::mprotect(loop.rx_buf.get() + k_buffer, k_guard, PROT_NONE) == 0, "a guard");
   }
   std::string Finish() {
     Peer::ReceiveAvailable(*client, loop);  // the stream's end

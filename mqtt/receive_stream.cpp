@@ -18,11 +18,24 @@ constexpr size_t kSkipBuffer = 16384;  // bytes read at a time of a packet that 
 
 // One read, and all that it completes.
 void SelfMqttImpl::ReceiveAvailable(RecvLoop& loop) {
+  if (left_buf_size_ == k_max_rx_buf_) {
+    SkipAvailable(loop);
+    return;
+  }
+  const ssize_t received = loop.socket->Recv(loop.rx_buf.get() + left_buf_size_,
+                                             static_cast<size_t>(k_max_rx_buf_ - left_buf_size_));
+  received > 0 ? DecodeReceived(loop, static_cast<int>(received)) : EndOfStream(received);
+}
+
+// The same with the buffer full. Not inlined: what it puts on the stack every other read would move over.
+[[gnu::noinline]] void SelfMqttImpl::SkipAvailable(RecvLoop& loop) {
   std::array<uint8_t, kSkipBuffer> skipped;  // filled before it is read
-  const bool full = left_buf_size_ == k_max_rx_buf_;
-  uint8_t* const target = full ? skipped.data() : loop.rx_buf.get() + left_buf_size_;
-  const size_t room = full ? skipped.size() : static_cast<size_t>(k_max_rx_buf_ - left_buf_size_);
-  const ssize_t received = loop.socket->Recv(target, room);
+  const ssize_t received = loop.socket->Recv(skipped.data(), skipped.size());
+  received > 0 ? SkipOversized(loop, skipped.data(), static_cast<int>(received)) : EndOfStream(received);
+}
+
+// A read brought no bytes.
+void SelfMqttImpl::EndOfStream(ssize_t received) {
   if (received == util::SocketClient::k_nothing_now) return;
   if (received < 0) {
     if (StopOnItsWay()) {
@@ -32,20 +45,11 @@ void SelfMqttImpl::ReceiveAvailable(RecvLoop& loop) {
     }
     return;
   }
-  if (received == 0) {
-    if (!StopOnItsWay()) {
-      CLIENT_LOG_AS(kRecvThread, LOG_DEBUG, "Wrong syntax or disallowed operation may cause this problem");
-      dis_reason_ = kPeerClosed;
-    }
-    keep_thread_ = false;
-    return;
+  if (!StopOnItsWay()) {
+    CLIENT_LOG_AS(kRecvThread, LOG_DEBUG, "Wrong syntax or disallowed operation may cause this problem");
+    dis_reason_ = kPeerClosed;
   }
-  const int rs = static_cast<int>(received);
-  if (full) {
-    SkipOversized(loop, skipped.data(), rs);
-  } else {
-    DecodeReceived(loop, rs);
-  }
+  keep_thread_ = false;
 }
 
 // The buffer holds the start of a packet that is larger than it. Its further bytes are counted and forgotten;

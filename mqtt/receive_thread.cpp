@@ -139,7 +139,7 @@ bool SelfMqttImpl::SetUpRecvLoop(RecvLoop& loop) {
   left_buf_size_ = 0;
   extra_packet_size_ = 0;
   KeepReleases();
-  loop.rx_buf.reset(static_cast<uint8_t*>(std::calloc(static_cast<size_t>(k_max_rx_buf_), 1)));
+  loop.rx_buf = util::MapZeroedPages(static_cast<size_t>(k_max_rx_buf_));
   if (loop.rx_buf == nullptr) {
     CLIENT_LOG_AS(kRecvThread, LOG_DEBUG, "Cannot alloc receive buf");
     return false;

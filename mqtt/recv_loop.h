@@ -13,7 +13,7 @@ namespace zeb::mqtt {
 /// On the receive thread's stack; no other thread sees it.
 struct SelfMqttImpl::RecvLoop {
   std::shared_ptr<util::SocketClient> socket;
-  ZeroedBytes rx_buf;  // k_max_rx_buf_ bytes
+  util::ZeroedPages rx_buf;  // k_max_rx_buf_ bytes
   util::ScopedFd timer;
   util::ScopedFd epoll;
   int event_fd = -1;           // event_fd_, which outlives the thread

@@ -20,7 +20,7 @@ std::string WakeLockName(const void* client) {
 }  // namespace
 
 SelfMqttImpl::SelfMqttImpl(MqttWrapper* wrapper)
-    : tx_buf_(static_cast<uint8_t*>(std::calloc(static_cast<size_t>(k_max_tx_buf_), 1))),
+    : tx_buf_(util::MapZeroedPages(static_cast<size_t>(k_max_tx_buf_))),
       wake_lock_name_(WakeLockName(this)),
       wrapper_(wrapper),
       option_(std::make_shared<const ConnectOption>()) {

@@ -8,7 +8,6 @@
 
 #include <atomic>
 #include <cstdint>
-#include <cstdlib>
 #include <deque>
 #include <functional>
 #include <list>
@@ -27,6 +26,7 @@
 #include "util/socket.h"
 #include "util/ssl_wrapper.h"
 #include "util/thread.h"
+#include "util/zeroed_pages.h"
 
 namespace zeb::mqtt {
 
@@ -134,10 +134,6 @@ class SelfMqttImpl {
   };
   static constexpr size_t k_max_recv_publish =
       65535;  // there are no more identifiers: the oldest is a stale one
-  struct FreeDeleter {
-    void operator()(uint8_t* bytes) const { std::free(bytes); }
-  };
-  using ZeroedBytes = std::unique_ptr<uint8_t[], FreeDeleter>;  // from calloc: untouched pages cost nothing
 
   enum Status : int32_t { kIdle = 0, kSocketConnected = 1, kSessionEstablished = 2, kDisconnected = 3 };
   enum DisReason : int32_t { kNoReason = 0, kPeerClosed = 1, kNetworkFailure = 2, kKeepAliveFailure = 3 };
@@ -253,6 +249,8 @@ class SelfMqttImpl {
 
   // ---- receive_stream.cpp
   void ReceiveAvailable(RecvLoop& loop);
+  void SkipAvailable(RecvLoop& loop);
+  void EndOfStream(ssize_t received);
   void SkipOversized(RecvLoop& loop, const uint8_t* data, int rs);
   void DecodeReceived(RecvLoop& loop, int rs);
   int DropRefused(const uint8_t* buf, int len) const;
@@ -295,7 +293,7 @@ class SelfMqttImpl {
   AckQueue ack_event_q_;                 // has its own lock
   int32_t left_buf_size_ = 0;            // receive thread: bytes of an incomplete packet held
   int32_t extra_packet_size_ = 0;        // receive thread: bytes of an oversized packet beyond the buffer
-  ZeroedBytes tx_buf_;                   // tx_mutex_
+  util::ZeroedPages tx_buf_;             // tx_mutex_
   std::atomic<bool> ping_wait_{false};   // written under ping_mutex_, read by the receive thread
   int64_t pong_recv_ = 0;                // stamp_mutex_: microseconds of CLOCK_BOOTTIME, 0 none
   int64_t ping_sent_ = 0;                // stamp_mutex_: the same

@@ -5,6 +5,7 @@
 #include <poll.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
+#include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/time.h>
 #include <sys/timerfd.h>
@@ -77,8 +78,10 @@ ZEB_WRAP(recv, (int a, void* b, size_t c, int d), (a, b, c, d))
 ZEB_WRAP(socket, (int a, int b, int c), (a, b, c))
 ZEB_WRAP(setsockopt, (int a, int b, int c, const void* d, socklen_t e), (a, b, c, d, e))
 ZEB_WRAP(getifaddrs, (ifaddrs * *a), (a))
-decltype(::calloc) __real_calloc;
-void* __wrap_calloc(size_t a, size_t b) { return Fails("calloc") ? nullptr : __real_calloc(a, b); }
+decltype(::mmap) __real_mmap;
+void* __wrap_mmap(void* a, size_t b, int c, int d, int e, off_t f) noexcept {
+  return Fails("mmap") ? MAP_FAILED : __real_mmap(a, b, c, d, e, f);
+}
 int pthread_create(pthread_t* a, const pthread_attr_t* b, void* (*c)(void*), void* d) noexcept {  // for all
   static const auto real = reinterpret_cast<decltype(&pthread_create)>(::dlsym(RTLD_NEXT, "pthread_create"));
   return Fails("pthread_create") ? errno : real(a, b, c, d);
@@ -227,7 +230,7 @@ INSTANTIATE_TEST_SUITE_P(
                     Case{"setsockopt", ENOBUFS, {"not set: No buffer space available"}},
                     Case{"pthread_create", EAGAIN, {"no thread: Resource temporarily unavailable"}},
                     Case{"getifaddrs", EMFILE, {"interfaces not listed: Too many open files"}},
-                    Case{"calloc", ENOMEM, {"Cannot alloc receive buf"}}, Case{"new", ENOMEM},
+                    Case{"mmap", ENOMEM, {"Cannot alloc receive buf"}}, Case{"new", ENOMEM},
                     Case{"setrlimit",
                          0,
                          {"errno [24]", "Too many open files", "no resources", "a stop waits",

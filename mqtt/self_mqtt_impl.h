@@ -231,7 +231,7 @@ class SelfMqttImpl {
   void RunRecvLoop(RecvLoop& loop);
   bool PassRecvLoop(RecvLoop& loop);
   int WaitForEvents(RecvLoop& loop, struct epoll_event* events);
-  void RearmTimer(RecvLoop& loop, int n);
+  void RearmTimer(RecvLoop& loop, const struct epoll_event* events, int n);
   void CheckOverdue(int64_t overdue_us) const;
   void DispatchEvents(RecvLoop& loop, const struct epoll_event* events, int n);
   bool HandleControl(const RecvLoop& loop);

@@ -23,6 +23,7 @@ struct NetworkManager::Registration {
     Condition call_ended;
     std::vector<std::shared_ptr<Registration>> list;
     std::unique_ptr<NetworkWatcher> watcher;  // while the list is not empty
+    std::unique_ptr<NetworkWatcher> ended;    // the one before, told to end: nobody has waited for it yet
   };
   static Registry& GetRegistry() {
     static auto* const registry = new Registry;  // never freed: threads may raise events during exit
@@ -57,13 +58,16 @@ void NetworkManager::Registration::Call(EventDic& event) {
 void NetworkManager::Registration::Retire() {
   Registry& registry = GetRegistry();
   EventCallback doomed;                     // both destroyed last, without the lock: what the callback
-  std::unique_ptr<NetworkWatcher> no_need;  // captured may do anything, and the watcher waits for its thread
+  std::unique_ptr<NetworkWatcher> earlier;  // captured may do anything, and the watcher waits for its thread
   MutexLock lock(registry.mutex);
   active = false;
   auto& list = registry.list;
   const auto is_this = [this](const auto& other) { return other.get() == this; };
   list.erase(std::remove_if(list.begin(), list.end(), is_this), list.end());
-  if (list.empty()) no_need = std::move(registry.watcher);
+  if (list.empty() && registry.watcher != nullptr) {
+    registry.watcher->End();  // the session's own end is not held up until it has
+    earlier = std::exchange(registry.ended, std::move(registry.watcher));
+  }
   // Two calls that retire each other's registration at once must not wait for one another, hence no wait
   // here.
   if (std::find(running.begin(), running.end(), std::this_thread::get_id()) != running.end()) return;
@@ -73,7 +77,13 @@ void NetworkManager::Registration::Retire() {
 
 NetworkManager::NetworkManager() = default;
 
-NetworkManager::~NetworkManager() { UnsetEventCb(); }
+NetworkManager::~NetworkManager() {
+  UnsetEventCb();
+  std::unique_ptr<NetworkWatcher> ended;  // waited for without the lock
+  Registration::Registry& registry = Registration::GetRegistry();
+  const MutexLock lock(registry.mutex);
+  ended = std::move(registry.ended);
+}
 
 void NetworkManager::SetEventCb(EventCallback callback, int socket_fd) {
   UnsetEventCb();

@@ -117,9 +117,14 @@ std::unique_ptr<NetworkWatcher> NetworkWatcher::Start() {
   return watcher;
 }
 
+void NetworkWatcher::End() {
+  if (state_ != nullptr) ::eventfd_write(state_->stop.get(), 1);
+  state_.reset();  // the thread's share is the last one: its descriptors go with it
+}
+
 NetworkWatcher::~NetworkWatcher() {
+  End();
   if (!thread_.Joinable()) return;
-  ::eventfd_write(state_->stop.get(), 1);
   if (thread_.IsCurrent()) {
     thread_.Detach();
   } else {

@@ -16,6 +16,9 @@ class NetworkWatcher {
   /// not let us watch.
   static std::unique_ptr<NetworkWatcher> Start();
 
+  /// Lets the thread end, without waiting for that.
+  void End();
+
   /// Ends the thread and waits for it; not so on the very thread, which ends once it has returned.
   ~NetworkWatcher();
   NetworkWatcher(const NetworkWatcher&) = delete;
@@ -25,7 +28,7 @@ class NetworkWatcher {
   struct State;
   explicit NetworkWatcher(std::shared_ptr<State> state) : state_(std::move(state)) {}
 
-  const std::shared_ptr<State> state_;
+  std::shared_ptr<State> state_;  // null once it was told to end
   Thread thread_;
 };
 

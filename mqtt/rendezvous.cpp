@@ -2,8 +2,11 @@
 // and the caller waits for the acknowledgement. Any thread; on the receive thread nothing here ever sleeps,
 // since it alone could deliver what is waited for.
 #include <linux/sockios.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/ioctl.h>
+#include <sys/socket.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -27,7 +30,7 @@ constexpr int32_t kMaxRemainingLength = 16777215;
 constexpr size_t kMaxFixedHeader = 5;         // bytes
 constexpr int32_t kDrainPollsPerSecond = 50;  // of the send queue,
 constexpr int64_t kDrainPollUs = 20'000;      // this far apart
-constexpr int64_t kFirstDrainLookUs = 50;     // first look between the first two polls; then doubling
+constexpr int64_t kFirstDrainLookUs = 50;     // first look between two polls; then doubling
 constexpr int64_t kAwaitingDrainLookUs =
     5'000;                                  // the same where an answer wakes the caller: each timer costs
 constexpr size_t kMaxPendingDrains = 1024;  // packets that the receive thread still watches
@@ -35,7 +38,47 @@ constexpr int64_t kUsPerSecond = 1'000'000;
 
 std::string NameOf(MsgType type) { return MqttWrapper::GetMsgTypeInStr(type); }
 
+// How long the peer's TCP has taken of late to acknowledge; 0 when the descriptor cannot tell. Microseconds.
+int64_t RoundTripUs(int fd) {
+  tcp_info info{};
+  socklen_t size = sizeof info;
+  return ::getsockopt(fd, IPPROTO_TCP, TCP_INFO, &info, &size) == 0 ? info.tcpi_rtt : 0;
+}
+
 }  // namespace
+
+/// A packet on its way, as far as the drain needs it.
+struct SelfMqttImpl::SentPacket {
+  bool awaits = false;   // an acknowledgement
+  uint64_t news = 0;     // of the queue, when last looked at; first of all before the write
+  int64_t start_us = 0;  // of the write
+  uint64_t number = 0;   // by which looks at the send queue know it
+};
+
+/// When to look at the send queue between two polls: soon and at doubling intervals, since most peers are
+/// near; and so again once a round trip has passed, since the acknowledgement is due then.
+class SelfMqttImpl::LookPlan {
+ public:
+  LookPlan(bool awaits, int64_t round_trip_us)
+      : round_trip_end_us_(awaits ? 0 : util::MonotonicUs() + round_trip_us),
+        interval_us_(awaits ? kAwaitingDrainLookUs : kFirstDrainLookUs) {}
+
+  /// How long to wait at `now_us`; the poll at `poll_us` is the latest look.
+  int64_t NextWaitUs(int64_t now_us, int64_t poll_us) {
+    int64_t wait_us = std::min(interval_us_, poll_us - now_us);
+    interval_us_ = std::min(2 * interval_us_, kDrainPollUs);
+    const int64_t due_us = round_trip_end_us_ - now_us;
+    if (due_us > 0 && due_us <= wait_us) {
+      wait_us = due_us;
+      interval_us_ = kFirstDrainLookUs;
+    }
+    return wait_us;
+  }
+
+ private:
+  const int64_t round_trip_end_us_;  // on the monotonic clock; past: there is none to wait for
+  int64_t interval_us_;
+};
 
 Result SelfMqttImpl::SendAndWait(const uint8_t* end, const uint8_t* begin, MsgType type, bool retain,
                                  uint8_t qos, bool dup, int message_id, void* ack, util::MutexLock* body_lock,
@@ -66,12 +109,13 @@ Result SelfMqttImpl::SendAndWait(const uint8_t* end, const uint8_t* begin, MsgTy
   const bool awaits = awaited != MsgType::RESERVED;
   std::optional<AckQueue::Waiter> waiter;
   if (awaits) waiter.emplace(ack_event_q_, awaited, message_id);
-  int64_t start_us = 0;
+  SentPacket sent;
+  sent.awaits = awaits;
+  sent.news = ack_event_q_.News();
   const int packet_size = static_cast<int>(header_size + body_size);
-  Result result =
-      WritePacket(*socket, packet.get(), packet_size, static_cast<int>(body_size), type, &start_us);
+  Result result = WritePacket(*socket, packet.get(), packet_size, static_cast<int>(body_size), type, &sent);
   if (result != kSuccess) return result;
-  result = OnReceiveThread() ? DrainFromLoop(*socket, start_us) : DrainSendQueue(*socket, start_us, awaits);
+  result = OnReceiveThread() ? DrainFromLoop(*socket, sent) : DrainSendQueue(*socket, sent);
   if (result != kSuccess || !awaits) return result;
 
   AckEvent event;
@@ -120,7 +164,7 @@ MsgType SelfMqttImpl::AwaitedType(MsgType type, uint8_t qos) const {
 }
 
 Result SelfMqttImpl::WritePacket(util::SocketClient& socket, const uint8_t* packet, int size,
-                                 int remaining_length, MsgType type, int64_t* start_us) {
+                                 int remaining_length, MsgType type, SentPacket* sent_packet) {
   // Both are on record before the write, even if that fails: an answer may come before the write returns.
   if (type == MsgType::PINGREQ && !RecordPing()) return kFailure;
   if (type == MsgType::DISCONNECT || type == MsgType::CONNECT) {
@@ -128,7 +172,7 @@ Result SelfMqttImpl::WritePacket(util::SocketClient& socket, const uint8_t* pack
     if (type == MsgType::DISCONNECT) disconnect_called_ = true;
     if (type == MsgType::CONNECT) connect_state_ = ConnectState::kWriting;
   }
-  *start_us = util::BootTimeUs();
+  sent_packet->start_us = util::BootTimeUs();
   CLIENT_LOG_AS(kSendAndWait, LOG_DEBUG, "Before send %s message size [%d] p_len [%d]", NameOf(type).c_str(),
                 size, remaining_length);
   const ssize_t sent = SendPacket(socket, packet, static_cast<size_t>(size), type == MsgType::DISCONNECT);
@@ -136,6 +180,7 @@ Result SelfMqttImpl::WritePacket(util::SocketClient& socket, const uint8_t* pack
     CLIENT_LOG_AS(kSendAndWait, LOG_ERR, "Cannot send data requested [%d] sent [%zd]", size, sent);
     return kSendFailed;
   }
+  sent_packet->number = ++packets_written_;
   last_sent_ = util::BootTimeUs();
   if (type == MsgType::CONNECT) {
     const util::MutexLock lock(send_mutex_);
@@ -157,21 +202,26 @@ ssize_t SelfMqttImpl::SendPacket(util::SocketClient& socket, const uint8_t* pack
   return sent;
 }
 
-// Asks how much the peer's TCP has not yet taken of what went out on `socket`.
-SelfMqttImpl::QueueLook SelfMqttImpl::LookAtSendQueue(const util::SocketClient* socket) {
+// Asks how much the peer's TCP has not yet taken of what went out on `socket`. Threads that publish without a
+// pause hardly ever find nothing themselves: once one of them did, all that was written before has left.
+SelfMqttImpl::QueueLook SelfMqttImpl::LookAtSendQueue(const util::SocketClient* socket, uint64_t number) {
   const util::MutexLock lock(socket_mutex_);
   const int fd = socket_client_ != nullptr && socket_client_.get() == socket ? socket->GetFd() : -1;
   if (fd < 0) {
     ZEB_LOG_AS(kSendAndWait, LOG_ERR, "socket closed already");
     return QueueLook::kFailed;
   }
+  if (number <= packets_drained_) return QueueLook::kEmpty;
+  const uint64_t written = packets_written_;
   int unsent = 0;
   if (::ioctl(fd, SIOCOUTQ, &unsent) < 0) {
     const int error = errno;
     CLIENT_LOG_AS(kSendAndWait, LOG_ERR, "fd [%d] SIOCOUTQ failed errno [%d]", fd, error);
     return QueueLook::kFailed;
   }
-  return unsent == 0 ? QueueLook::kEmpty : QueueLook::kUnsent;
+  if (unsent != 0) return QueueLook::kUnsent;
+  packets_drained_ = written;
+  return QueueLook::kEmpty;
 }
 
 void SelfMqttImpl::LogDrained(int64_t start_us) const {
@@ -179,30 +229,24 @@ void SelfMqttImpl::LogDrained(int64_t start_us) const {
                 static_cast<intmax_t>(util::BootTimeUs() - start_us));
 }
 
-Result SelfMqttImpl::DrainSendQueue(const util::SocketClient& socket, int64_t start_us, bool awaits) {
+Result SelfMqttImpl::DrainSendQueue(const util::SocketClient& socket, SentPacket& sent) {
   const int32_t timeout_sec = timeout_sec_;
   const int32_t polls = timeout_sec * kDrainPollsPerSecond;
-  const int64_t first_look_us = awaits ? kAwaitingDrainLookUs : kFirstDrainLookUs;
-  uint64_t news = ack_event_q_.News();
   QueueLook look = polls < 0 ? QueueLook::kEmpty : QueueLook::kUnsent;
-  for (int32_t poll = 0; poll < polls; ++poll) {
-    look = LookAtSendQueue(&socket);
-    if (look == QueueLook::kUnsent && poll + 1 < polls)
-      look = PauseDrain(socket, poll == 0 ? first_look_us : kDrainPollUs, &news);
-    if (look != QueueLook::kUnsent) break;
-    if (recv_ended_) {
-      // A broker that closes at once, as after DISCONNECT, has taken everything by then.
-      look = LookAtSendQueue(&socket);
-      if (look != QueueLook::kUnsent) break;
-      // Nothing will leave any more. A request that awaits an answer learns of the end from the queue.
-      if (awaits) return kSuccess;
-      ZEB_LOG_AS(kSendAndWait, LOG_ERR, "socket closed already");
-      return kFailure;
-    }
+  if (polls > 0) look = LookAtSendQueue(&socket, sent.number);
+  LookPlan plan(sent.awaits, look == QueueLook::kUnsent && !sent.awaits ? RoundTripUs(socket.GetFd()) : 0);
+  for (int32_t poll = 1; look == QueueLook::kUnsent && poll < polls; ++poll) {
+    look = PauseDrain(socket, sent, plan);
+    if (look == QueueLook::kUnsent) look = LookAtSendQueue(&socket, sent.number);
+    if (look != QueueLook::kUnsent || !recv_ended_) continue;
+    // Nothing will leave any more. A request that awaits an answer learns of the end from the queue.
+    if (sent.awaits) return kSuccess;
+    ZEB_LOG_AS(kSendAndWait, LOG_ERR, "socket closed already");
+    return kFailure;
   }
   if (look == QueueLook::kFailed) return kFailure;
   if (look == QueueLook::kEmpty) {
-    LogDrained(start_us);
+    LogDrained(sent.start_us);
   } else {
     CLIENT_LOG_AS(kSendAndWait, LOG_ERR, "Cannot send data during [%d] secs", timeout_sec);
   }
@@ -210,33 +254,32 @@ Result SelfMqttImpl::DrainSendQueue(const util::SocketClient& socket, int64_t st
 }
 
 // The time between two polls. An acknowledgement that comes in mostly proves that the packet has left, so it
-// ends the pause early; and soon after the write a look at short intervals pays. Returns the last look.
-SelfMqttImpl::QueueLook SelfMqttImpl::PauseDrain(const util::SocketClient& socket, int64_t interval_us,
-                                                 uint64_t* news) {
+// ends the pause early; and a look in between pays. Returns the last look.
+SelfMqttImpl::QueueLook SelfMqttImpl::PauseDrain(const util::SocketClient& socket, SentPacket& sent,
+                                                 LookPlan& plan) {
   const int64_t until_us = util::MonotonicUs() + kDrainPollUs;
   for (int64_t now_us = until_us - kDrainPollUs; now_us < until_us; now_us = util::MonotonicUs()) {
-    ack_event_q_.AwaitNews(news, std::min(interval_us, until_us - now_us));
+    ack_event_q_.AwaitNews(&sent.news, plan.NextWaitUs(now_us, until_us));
     if (recv_ended_) break;
-    const QueueLook look = LookAtSendQueue(&socket);
+    const QueueLook look = LookAtSendQueue(&socket, sent.number);
     if (look != QueueLook::kUnsent) return look;
-    interval_us = std::min(2 * interval_us, kDrainPollUs);  // a flood of news makes this loop turn often
   }
   return QueueLook::kUnsent;
 }
 
 // On the receive thread: one look now, the remaining polls from the loop.
-Result SelfMqttImpl::DrainFromLoop(const util::SocketClient& socket, int64_t start_us) {
+Result SelfMqttImpl::DrainFromLoop(const util::SocketClient& socket, const SentPacket& sent) {
   const int32_t timeout_sec = timeout_sec_;
   if (timeout_sec == 0) {
     CLIENT_LOG_AS(kSendAndWait, LOG_ERR, "Cannot send data during [%d] secs", timeout_sec);
     return kSuccess;
   }
-  const QueueLook look = timeout_sec < 0 ? QueueLook::kEmpty : LookAtSendQueue(&socket);
+  const QueueLook look = timeout_sec < 0 ? QueueLook::kEmpty : LookAtSendQueue(&socket, sent.number);
   if (look == QueueLook::kFailed) return kFailure;
   if (look == QueueLook::kEmpty) {
-    LogDrained(start_us);
+    LogDrained(sent.start_us);
   } else if (pending_drains_.size() < kMaxPendingDrains) {
-    pending_drains_.push_back(start_us);
+    pending_drains_.push_back(sent.start_us);
   }
   return kSuccess;
 }
@@ -244,7 +287,7 @@ Result SelfMqttImpl::DrainFromLoop(const util::SocketClient& socket, int64_t sta
 // The loop's share of the drain, run on every pass: an empty queue completes every packet at once.
 void SelfMqttImpl::PollPendingDrains(const util::SocketClient* socket) {
   if (pending_drains_.empty()) return;
-  const QueueLook look = LookAtSendQueue(socket);
+  const QueueLook look = LookAtSendQueue(socket, packets_written_);
   if (look != QueueLook::kUnsent) {
     if (look == QueueLook::kEmpty) {
       for (const int64_t start_us : pending_drains_) LogDrained(start_us);

@@ -158,14 +158,16 @@ class SelfMqttImpl {
   // ---- rendezvous.cpp
   Result CheckSendable(const util::SocketClient* socket, MsgType type);
   ssize_t SendPacket(util::SocketClient& socket, const uint8_t* packet, size_t size, bool last);
+  struct SentPacket;
   Result WritePacket(util::SocketClient& socket, const uint8_t* packet, int size, int remaining_length,
-                     MsgType type, int64_t* start_us);
+                     MsgType type, SentPacket* sent);
   enum class QueueLook { kEmpty, kUnsent, kFailed };
-  QueueLook LookAtSendQueue(const util::SocketClient* socket);
-  Result DrainSendQueue(const util::SocketClient& socket, int64_t start_us, bool awaits);
-  QueueLook PauseDrain(const util::SocketClient& socket, int64_t interval_us, uint64_t* news);
+  QueueLook LookAtSendQueue(const util::SocketClient* socket, uint64_t number);
+  Result DrainSendQueue(const util::SocketClient& socket, SentPacket& sent);
+  class LookPlan;
+  QueueLook PauseDrain(const util::SocketClient& socket, SentPacket& sent, LookPlan& plan);
   void LogDrained(int64_t start_us) const;
-  Result DrainFromLoop(const util::SocketClient& socket, int64_t start_us);
+  Result DrainFromLoop(const util::SocketClient& socket, const SentPacket& sent);
   static void LogNoAck(MsgType awaited, int32_t timeout_sec);
   Result AwaitAck(AckQueue::Waiter& waiter, MsgType awaited, int message_id, AckEvent& event);
   MsgType AwaitedType(MsgType type, uint8_t qos) const;
@@ -290,6 +292,8 @@ class SelfMqttImpl {
   util::Mutex stop_mutex_;                // stop_calling_, starting_ and its companions
   std::shared_ptr<util::SocketClient> socket_client_;
   std::shared_ptr<util::SslWrapper> ssl_wrapper_;
+  std::atomic<uint64_t> packets_written_{0};  // counted after each write
+  uint64_t packets_drained_ = 0;         // socket_mutex_: so many were written when the send queue was empty
   AckQueue ack_event_q_;                 // has its own lock
   int32_t left_buf_size_ = 0;            // receive thread: bytes of an incomplete packet held
   int32_t extra_packet_size_ = 0;        // receive thread: bytes of an oversized packet beyond the buffer

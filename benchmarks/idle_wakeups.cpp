@@ -1,40 +1,19 @@
 // Counts how often an idle client wakes up: connects, does nothing, and reads from /proc how often its
 // threads went to sleep again. Prints the count beside what keep-alive needs, and fails when it is more.
-#include <sys/syscall.h>
-#include <unistd.h>
-
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <map>
 #include <string>
 #include <thread>
 
+#include "benchmarks/wakeups.h"
 #include "mqtt/mqtt_wrapper.h"
 
 namespace {
 
 constexpr int kKeepAlive = 60;  // seconds, as an application leaves it
 constexpr int kTimeout = 10;
-
-// By thread, all but the calling one: each switch is one wake-up.
-std::map<std::string, long> Switches() {
-  std::map<std::string, long> switches;
-  const std::string self = std::to_string(::syscall(SYS_gettid));
-  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/task")) {
-    const std::string thread = entry.path().filename();
-    std::ifstream status(entry.path() / "status");
-    for (std::string line; thread != self && std::getline(status, line);) {
-      const size_t colon = line.find(':');
-      const std::string key = line.substr(0, colon);
-      if (key == "voluntary_ctxt_switches" || key == "nonvoluntary_ctxt_switches")
-        switches[thread] += std::strtol(line.c_str() + colon + 1, nullptr, 10);
-    }
-  }
-  return switches;
-}
 
 }  // namespace
 
@@ -57,10 +36,10 @@ int main(int argc, char** argv) {
     return 2;
   }
   std::this_thread::sleep_for(std::chrono::seconds(1));  // the start's own wake-ups are over
-  const std::map<std::string, long> before = Switches();
+  const std::map<std::string, long> before = zeb::bench::Switches();
   std::this_thread::sleep_for(std::chrono::seconds(seconds));
   long wakeups = 0;
-  for (const auto& [thread, count] : Switches()) {
+  for (const auto& [thread, count] : zeb::bench::Switches()) {
     const auto earlier = before.find(thread);
     const long own = count - (earlier != before.end() ? earlier->second : 0);
     std::printf("thread %s: %ld wake-ups\n", thread.c_str(), own);

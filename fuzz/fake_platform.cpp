@@ -51,7 +51,7 @@ bool SocketClient::HasPending() const { return false; }
 void SocketClient::Shutdown() {}
 ssize_t SocketClient::Send(const void* data, size_t length, bool) {
   if (wire.broken) return -1;
-  wire.sent.emplace_back(static_cast<const char*>(data), length);
+  if (wire.keeps) wire.sent.emplace_back(static_cast<const char*>(data), length);
   if (wire.answer) wire.answer(*static_cast<const uint8_t*>(data));
   return static_cast<ssize_t>(length);
 }

@@ -55,6 +55,7 @@ inline struct Wire {
   std::deque<size_t> pieces;  // sizes of the next reads; then all there is
   ssize_t end = 0;            // what a read returns behind the last byte
   bool broken = false;        // sends fail
+  bool keeps = true;          // what is sent
   std::vector<std::string> sent;
   std::function<void(uint8_t first_byte)> answer;  // called within each send
 } wire;

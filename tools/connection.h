@@ -1,0 +1,63 @@
+// One client and its connection: made as often as --retry allows, watched, and ended in order. Main thread
+// only.
+#pragma once
+
+#include <atomic>
+#include <memory>
+#include <random>
+
+#include "tools/ending.h"
+#include "tools/options.h"
+
+namespace zeb::tools {
+
+class Connection {
+ public:
+  Connection(const Options& options, Ending& ending);
+  /// Closes without a word about what comes of it.
+  ~Connection();
+  Connection(const Connection&) = delete;
+  Connection& operator=(const Connection&) = delete;
+
+  /// Connects; after a failure that may pass, again with growing pauses as long as --retry and --retry-time
+  /// allow. Throws Failure.
+  void Open();
+  /// Sends DISCONNECT and waits for the end.
+  void Close();
+
+  enum class Event { kReadable, kLost, kTime };
+  /// Waits until `fd` is readable (-1: for nothing), the connection is lost or the time has come, whichever
+  /// is first. Throws Failure once the run ends.
+  Event Await(int fd, std::optional<Clock::time_point> until);
+
+  /// Whether a request failed because the connection is lost. Throws Failure once the run ends.
+  bool LostBehind();
+  /// After a loss: connects again, or throws Failure when no retry is allowed.
+  void Recover();
+
+  MqttWrapper& client() { return client_; }
+  [[nodiscard]] const MqttWrapper::ConnectAck& ack() const { return ack_; }
+  /// "HOST:PORT"
+  [[nodiscard]] std::string Name() const;
+  /// "not authorized (0x87)"
+  [[nodiscard]] std::string CodeText(int32_t code) const;
+
+ private:
+  /// Outlives the client: its thread may still report the loss when a stop has returned.
+  struct Loss {
+    Flag flag;
+    std::atomic<int> reason{0};
+  };
+  std::string Attempt(bool* may_pass);
+  std::string LossText() const;
+
+  MqttWrapper::ConnectOption option_;
+  const Retry retry_;
+  Ending& ending_;
+  std::shared_ptr<Loss> loss_ = std::make_shared<Loss>();
+  MqttWrapper::ConnectAck ack_;
+  std::mt19937 random_{std::random_device{}()};
+  MqttWrapper client_;
+};
+
+}  // namespace zeb::tools

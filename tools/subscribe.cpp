@@ -1,0 +1,79 @@
+// sub: the receive thread prints, the main thread waits for the end.
+#include "tools/commands.h"
+#include "tools/format.h"
+#include "tools/output.h"
+
+namespace zeb::tools {
+namespace {
+
+/// Prints messages until the ending begins; begins it itself after the last one. Receive thread only.
+class Printer {
+ public:
+  Printer(const Options& options, Ending& ending)
+      : format_(options.format), newline_(options.newline), count_(options.count), ending_(ending) {}
+
+  void Print(MqttWrapper::PublishMessage& message) {
+    if (ending_.begun()) return;
+    timespec now{};
+    ::clock_gettime(CLOCK_REALTIME, &now);
+    std::string text = Render(format_, message, now);
+    if (newline_) text += '\n';
+    if (!WriteOutput(text, ending_) || ++printed_ != count_) return;
+    ending_.Begin(kDone);
+    (void)message.wrapper->StopClient(nullptr);  // here, so that no further message is acknowledged
+  }
+
+ private:
+  const std::string format_;
+  const bool newline_;
+  const int64_t count_;  // 0: no end
+  Ending& ending_;
+  int64_t printed_ = 0;
+};
+
+// One request a filter: the library tells the broker's verdict on the first of a request.
+void SubscribeTo(Connection& connection, const std::string& filter, const Options& options) {
+  MqttWrapper::SubscribeOption request;
+  request.topics[filter] = static_cast<uint8_t>(options.qos);
+  request.user_property = options.connect.user_property;
+  MqttWrapper::SubscriptionAck ack;
+  const Result result = connection.client().Subscribe(request, &ack);
+  if (result == kSuccess && ack.reason_code <= 2) {
+    if (ack.reason_code < options.qos) Say(filter + ": granted at QoS " + std::to_string(ack.reason_code));
+    return;
+  }
+  if (result == kSuccess)
+    throw Failure(kFailed,
+                  filter + ": the broker refuses the subscription: " + connection.CodeText(ack.reason_code));
+  if (!connection.LostBehind())
+    throw Failure(kFailed, filter + ": the broker does not answer the subscription");
+}
+
+}  // namespace
+
+int Subscribe(const Options& options) {
+  Ending ending;
+  Printer printer(options, ending);
+  Options with_callback = options;
+  with_callback.connect.message_cb = [&printer](auto& message) { printer.Print(message); };
+  std::optional<Clock::time_point> deadline;
+  if (options.seconds > 0) deadline = Clock::now() + std::chrono::seconds(options.seconds);
+  Connection connection(with_callback, ending);
+  const Watch watch(connection.client(), ending, true, deadline);
+
+  bool subscribed = false;
+  try {
+    connection.Open();
+    for (;; connection.Recover()) {
+      for (const std::string& filter : options.filters) SubscribeTo(connection, filter, options);
+      subscribed = true;
+      (void)connection.Await(-1, std::nullopt);  // the run's end is thrown, so that this is a loss
+    }
+  } catch (const Failure& failure) {
+    if (failure.code != kTimedOut || !subscribed || options.count != 0) throw;
+    connection.Close();  // -W alone says how long to listen
+    return kDone;
+  }
+}
+
+}  // namespace zeb::tools

@@ -38,6 +38,8 @@ AckQueue::Waiter::Waiter(AckQueue& queue, MsgType awaited, int message_id)
     : queue_(queue), awaited_(awaited), message_id_(message_id) {
   const util::MutexLock lock(queue_.mutex_);
   session_ = queue_.session_;
+  queue_.next_lane_ = queue_.next_lane_ + 1 < k_lanes ? queue_.next_lane_ + 1 : k_news_lane + 1;
+  lane_ = queue_.next_lane_;
   queue_.waiters_.push_back(this);
 }
 
@@ -48,17 +50,37 @@ AckQueue::Waiter::~Waiter() {
 
 void AckQueue::Enqueue(AckEvent event) {
   const MsgType type = event.type;
+  const uint16_t message_id = event.message_id;
   util::MutexLock lock(mutex_);
   if (event.records != nullptr && !TypeIsAwaited(type)) DropProperties(*event.records);
   ack_event_l_.push_back({++last_number_, std::move(event)});
-  if (CanBeAwaited(type)) {
-    last_awaitable_ = last_number_;
-  } else {
-    ++unawaited_count_;
-  }
+  const bool awaitable = CanBeAwaited(type);
+  if (!awaitable) ++unawaited_count_;
   DropOldest();
+  if (awaitable) Announce(lock, LanesToWake(type, message_id));
+}
+
+AckQueue::LaneSet AckQueue::LanesToWake(MsgType type, uint16_t message_id) const {
+  LaneSet own;
+  LaneSet all;
+  for (const Waiter* waiter : waiters_) {
+    all.set(waiter->lane_);
+    const bool any_id = waiter->message_id_ <= 0;
+    if (IsCurrent(waiter) && waiter->awaited_ == type && (any_id || waiter->message_id_ == message_id))
+      own.set(waiter->lane_);
+  }
+  LaneSet lanes = own.any() ? own : all;
+  return lanes.set(k_news_lane);
+}
+
+// Gives the lock up before it wakes anybody: who wakes needs it at once.
+void AckQueue::Announce(util::MutexLock& lock, LaneSet lanes) {
+  for (size_t i = 0; i < k_lanes; ++i)
+    if (lanes[i]) ++lanes_[i].news;
+  if (lanes_[k_news_lane].awaiting_news == 0) lanes.reset(k_news_lane);
   lock.Unlock();
-  cond_.Broadcast();
+  for (size_t i = 0; i < k_lanes; ++i)
+    if (lanes[i]) lanes_[i].cond.Broadcast();
 }
 
 bool AckQueue::TypeIsAwaited(MsgType type) const {
@@ -101,7 +123,7 @@ AckQueue::Look AckQueue::Dequeue(Waiter& waiter, AckEvent& out, int64_t timeout_
       return nothing;
     }
     const int64_t left_us = std::max<int64_t>(deadline_us - util::MonotonicUs(), 0);
-    timed_out = left_us == 0 || cond_.WaitUntil(mutex_, left_us) == kTimeout;
+    timed_out = left_us == 0 || lanes_[waiter.lane_].cond.WaitUntil(mutex_, left_us) == kTimeout;
   }
 }
 
@@ -136,19 +158,29 @@ bool AckQueue::AwaitedByAnother(const Waiter& waiter, const AckEvent& event) con
   });
 }
 
-void AckQueue::AwaitNews(uint64_t* seen, int64_t timeout_us) {
+void AckQueue::AwaitNews(size_t lane, uint64_t* seen, int64_t timeout_us) {
   const int64_t deadline_us = util::MonotonicUs() + timeout_us;
   const util::MutexLock lock(mutex_);
-  while (last_awaitable_ <= *seen) {
+  Lane& own = lanes_[lane];
+  ++own.awaiting_news;
+  while (own.news <= *seen) {
     const int64_t left_us = deadline_us - util::MonotonicUs();
-    if (left_us <= 0 || cond_.WaitUntil(mutex_, left_us) == kTimeout) break;
+    if (left_us <= 0 || own.cond.WaitUntil(mutex_, left_us) == kTimeout) break;
   }
-  *seen = last_awaitable_;
+  --own.awaiting_news;
+  *seen = own.news;
 }
 
-uint64_t AckQueue::News() {
+void AckQueue::TellNews() {
+  util::MutexLock lock(mutex_);
+  LaneSet lanes;
+  for (size_t i = 0; i < k_lanes; ++i) lanes[i] = lanes_[i].awaiting_news > 0;
+  if (lanes.any()) Announce(lock, lanes);
+}
+
+uint64_t AckQueue::News(size_t lane) {
   const util::MutexLock lock(mutex_);
-  return last_awaitable_;
+  return lanes_[lane].news;
 }
 
 uint64_t AckQueue::Session() {
@@ -161,7 +193,7 @@ void AckQueue::Clear() {
   ack_event_l_.clear();
   unawaited_count_ = 0;
   ++session_;
-  cond_.Broadcast();
+  for (Lane& lane : lanes_) lane.cond.Broadcast();
 }
 
 }  // namespace zeb::mqtt

@@ -1,6 +1,7 @@
 // The meeting place of the receive thread, which reports what came in, and the requests that wait for it.
 #pragma once
 
+#include <bitset>
 #include <cstdint>
 #include <list>
 #include <memory>
@@ -29,14 +30,18 @@ struct AckEvent {
 };
 
 /// Events in order of arrival. Several requests wait at once, each registered with what it awaits: an event
-/// that is not a request's own stays where it is for the others, and is looked at only once by each request.
-/// Any thread.
+/// that is not a request's own stays where it is for the others, and is looked at only once by each request,
+/// when it wakes up for its own. Any thread.
 class AckQueue {
  public:
   /// Events that no request can wait for (PUBLISH, say) are kept up to this many,
   static constexpr size_t k_max_unawaited = 64;
   /// and all events together up to this many; the oldest go first.
   static constexpr size_t k_max_events = 256;
+  /// Who waits does so on a lane, so that one acknowledgement does not wake all. More waiters than lanes only
+  /// wake one another up. The first lane is for those who await nothing of the queue but news.
+  static constexpr size_t k_lanes = 16;
+  static constexpr size_t k_news_lane = 0;
 
   /// A request's place in the queue, for as long as the object lives. Register before sending, so that other
   /// requests leave this one's acknowledgement alone from the start.
@@ -47,12 +52,14 @@ class AckQueue {
     ~Waiter();
     Waiter(const Waiter&) = delete;
     Waiter& operator=(const Waiter&) = delete;
+    [[nodiscard]] size_t lane() const { return lane_; }
 
    private:
     friend class AckQueue;
     AckQueue& queue_;
     const MsgType awaited_;
     const int message_id_;
+    size_t lane_ = 0;       // the same as long as it lives
     uint64_t session_ = 0;  // the queue's when it was registered
     uint64_t seen_ = 0;     // number of the newest event looked at; its own thread's alone
   };
@@ -73,18 +80,22 @@ class AckQueue {
     size_t queued = 0;  // events in the queue afterwards
   };
 
-  /// Appends the event and wakes every waiter. Properties that no request is waiting for are left out.
+  /// Appends the event and wakes the request that awaits it; where there is none, every one, since each may
+  /// have to drop it or learn of the end. Events that no request can wait for wake nobody. Properties that no
+  /// request is waiting for are left out.
   void Enqueue(AckEvent event);
 
   /// Takes the next event that this waiter has not seen, waiting for one up to `timeout_us` (0 or more; after
   /// a time-out it looks once more). On a match the event is moved to `out`.
   Look Dequeue(Waiter& waiter, AckEvent& out, int64_t timeout_us);
 
-  /// Waits up to `timeout_us` for an event that a request could wait for and that is newer than `*seen`, and
-  /// brings `*seen` up to date.
-  void AwaitNews(uint64_t* seen, int64_t timeout_us);
-  /// Number of the newest event that a request could wait for.
-  uint64_t News();
+  /// Waits up to `timeout_us` for news on the lane beyond `*seen`, and brings `*seen` up to date: an event
+  /// that wakes the lane (the news lane: any that a request could wait for), or TellNews.
+  void AwaitNews(size_t lane, uint64_t* seen, int64_t timeout_us);
+  /// Wakes all who are in AwaitNews.
+  void TellNews();
+  /// Count of the lane's news.
+  uint64_t News(size_t lane);
   /// Changes with every Clear.
   uint64_t Session();
 
@@ -101,6 +112,10 @@ class AckQueue {
   };
   using Entries = std::list<Entry>;
 
+  using LaneSet = std::bitset<k_lanes>;
+
+  LaneSet LanesToWake(MsgType type, uint16_t message_id) const;
+  void Announce(util::MutexLock& lock, LaneSet lanes);
   bool IsCurrent(const Waiter* waiter) const { return waiter->session_ == session_; }
   bool TypeIsAwaited(MsgType type) const;
   void DropOldest();
@@ -108,13 +123,18 @@ class AckQueue {
   bool AwaitedByAnother(const Waiter& waiter, const AckEvent& event) const;
 
   util::Mutex mutex_;  // guards everything below
-  util::Condition cond_;
-  Entries ack_event_l_;          // by ascending number
-  uint64_t session_ = 0;         // counts the calls of Clear
-  std::list<Waiter*> waiters_;   // requests in flight
-  uint64_t last_number_ = 0;     // of the newest event
-  uint64_t last_awaitable_ = 0;  // of the newest event that a request could wait for
-  size_t unawaited_count_ = 0;   // events that no request can wait for
+  struct Lane {
+    util::Condition cond;
+    uint64_t news = 0;      // counts the wake-ups
+    int awaiting_news = 0;  // calls of AwaitNews
+  };
+  Lane lanes_[k_lanes];
+  size_t next_lane_ = k_news_lane;
+  Entries ack_event_l_;         // by ascending number
+  uint64_t session_ = 0;        // counts the calls of Clear
+  std::list<Waiter*> waiters_;  // requests in flight
+  uint64_t last_number_ = 0;    // of the newest event
+  size_t unawaited_count_ = 0;  // events that no request can wait for
 };
 
 }  // namespace zeb::mqtt

@@ -49,8 +49,9 @@ int64_t RoundTripUs(int fd) {
 
 /// A packet on its way, as far as the drain needs it.
 struct SelfMqttImpl::SentPacket {
-  bool awaits = false;   // an acknowledgement
-  uint64_t news = 0;     // of the queue, when last looked at; first of all before the write
+  bool awaits = false;  // an acknowledgement
+  size_t lane = AckQueue::k_news_lane;
+  uint64_t news = 0;     // of the lane, when last looked at; first of all before the write
   int64_t start_us = 0;  // of the write
   uint64_t number = 0;   // by which looks at the send queue know it
 };
@@ -111,7 +112,8 @@ Result SelfMqttImpl::SendAndWait(const uint8_t* end, const uint8_t* begin, MsgTy
   if (awaits) waiter.emplace(ack_event_q_, awaited, message_id);
   SentPacket sent;
   sent.awaits = awaits;
-  sent.news = ack_event_q_.News();
+  if (awaits) sent.lane = waiter->lane();
+  sent.news = ack_event_q_.News(sent.lane);
   const int packet_size = static_cast<int>(header_size + body_size);
   Result result = WritePacket(*socket, packet.get(), packet_size, static_cast<int>(body_size), type, &sent);
   if (result != kSuccess) return result;
@@ -205,7 +207,7 @@ ssize_t SelfMqttImpl::SendPacket(util::SocketClient& socket, const uint8_t* pack
 // Asks how much the peer's TCP has not yet taken of what went out on `socket`. Threads that publish without a
 // pause hardly ever find nothing themselves: once one of them did, all that was written before has left.
 SelfMqttImpl::QueueLook SelfMqttImpl::LookAtSendQueue(const util::SocketClient* socket, uint64_t number) {
-  const util::MutexLock lock(socket_mutex_);
+  util::MutexLock lock(socket_mutex_);
   const int fd = socket_client_ != nullptr && socket_client_.get() == socket ? socket->GetFd() : -1;
   if (fd < 0) {
     ZEB_LOG_AS(kSendAndWait, LOG_ERR, "socket closed already");
@@ -221,6 +223,8 @@ SelfMqttImpl::QueueLook SelfMqttImpl::LookAtSendQueue(const util::SocketClient* 
   }
   if (unsent != 0) return QueueLook::kUnsent;
   packets_drained_ = written;
+  lock.Unlock();
+  ack_event_q_.TellNews();  // to the threads that wait for the same
   return QueueLook::kEmpty;
 }
 
@@ -259,7 +263,7 @@ SelfMqttImpl::QueueLook SelfMqttImpl::PauseDrain(const util::SocketClient& socke
                                                  LookPlan& plan) {
   const int64_t until_us = util::MonotonicUs() + kDrainPollUs;
   for (int64_t now_us = until_us - kDrainPollUs; now_us < until_us; now_us = util::MonotonicUs()) {
-    ack_event_q_.AwaitNews(&sent.news, plan.NextWaitUs(now_us, until_us));
+    ack_event_q_.AwaitNews(sent.lane, &sent.news, plan.NextWaitUs(now_us, until_us));
     if (recv_ended_) break;
     const QueueLook look = LookAtSendQueue(&socket, sent.number);
     if (look != QueueLook::kUnsent) return look;

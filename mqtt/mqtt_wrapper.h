@@ -99,8 +99,8 @@ class ZEB_API MqttWrapper {
 
   /// A user property (MQTT 5.0, 1.5.7). A pair with an empty key or value is never sent.
   struct PairedString {
-    std::string key;
-    std::string val;
+    std::string key;  ///< At most 65,535 bytes.
+    std::string val;  ///< At most 65,535 bytes.
   };
 
   /// An outbound message, or the will.
@@ -114,10 +114,10 @@ class ZEB_API MqttWrapper {
 
   /// Properties of the will; used with MQTT 5.0 alone (3.1.3.2). -1 or empty: not sent.
   struct WillProperties {
-    int8_t payload_format_indicator = -1;  ///< 0 bytes, otherwise UTF-8 text.
-    int64_t message_expiry_interval = -1;  ///< Seconds, 0 to 4,294,967,295.
-    std::string content_type;
-    std::string response_topic;
+    int8_t payload_format_indicator = -1;   ///< 0 bytes, otherwise UTF-8 text.
+    int64_t message_expiry_interval = -1;   ///< Seconds, 0 to 4,294,967,295.
+    std::string content_type;               ///< Empty: not sent.
+    std::string response_topic;             ///< Empty: not sent.
     util::Buffer correlation_data;          ///< Not sent; carried for the application.
     int64_t will_delay_interval = -1;       ///< Seconds, 0 to 4,294,967,295.
     std::list<PairedString> user_property;  ///< Not sent; carried for the application.
@@ -125,17 +125,17 @@ class ZEB_API MqttWrapper {
 
   /// The message that the broker publishes when the connection ends without DISCONNECT (3.1.2.5).
   struct LastWill {
-    bool enable = false;  ///< Whether a will is sent at all.
-    PublishOption msg;    ///< Topic, payload, QoS and retain flag of the will.
-    WillProperties properties;
+    bool enable = false;        ///< Whether a will is sent at all.
+    PublishOption msg;          ///< Topic, payload, QoS and retain flag of the will.
+    WillProperties properties;  ///< MQTT 5.0.
   };
 
   /// An inbound message, as `message_cb` receives it.
   struct PublishMessage {
     MqttWrapper* wrapper = nullptr;  ///< The client that received it.
     uint16_t message_id = 0;         ///< Packet identifier; 0 for a QoS 0 message.
-    std::string topic;
-    std::string payload;
+    std::string topic;               ///< As the broker sent it: any bytes.
+    std::string payload;             ///< Any bytes, zeros included.
   };
 
   /// What StartClient connects with. A numeric MQTT 5.0 property of -1 is not sent.
@@ -158,7 +158,7 @@ class ZEB_API MqttWrapper {
     /// Called on the receive thread for every message; QoS 1 and 2 are acknowledged before the call, and a
     /// QoS 2 message that the broker sends again is delivered again. Exceptions are caught and logged.
     std::function<void(PublishMessage&)> message_cb;
-    LastWill lwt;
+    LastWill lwt;  ///< The will; none unless enabled.
     /// Called on the receive thread, as its last act, when the connection ended by itself; the argument is
     /// `StatusInfo::dis_reason`, never 0. It may still run when StopClient or the destructor has returned on
     /// another thread: what it touches must outlive it.
@@ -168,10 +168,10 @@ class ZEB_API MqttWrapper {
     std::string ca_file;  ///< Trusts this CA file alone; empty: the system's trust store.
     std::string cert;     ///< Client certificate file; empty: none, and `key` is not looked at.
     std::string key;      ///< Client private-key file, not encrypted.
-    util::SslWrapper::FileType root_ca_file_type = util::SslWrapper::FileType::kPem;
-    util::SslWrapper::FileType cert_file_type = util::SslWrapper::FileType::kPem;
-    util::SslWrapper::FileType key_file_type = util::SslWrapper::FileType::kPem;
-    util::SslWrapper::Method ssl_method = util::SslWrapper::Method::kTls;
+    util::SslWrapper::FileType root_ca_file_type = util::SslWrapper::FileType::kPem;  ///< Of `ca_file`.
+    util::SslWrapper::FileType cert_file_type = util::SslWrapper::FileType::kPem;     ///< Of `cert`.
+    util::SslWrapper::FileType key_file_type = util::SslWrapper::FileType::kPem;      ///< Of `key`.
+    util::SslWrapper::Method ssl_method = util::SslWrapper::Method::kTls;             ///< Versions allowed.
     std::vector<std::string> cipher_lists;     ///< OpenSSL cipher names; empty: the platform's choice.
     int64_t session_expiry_interval = -1;      ///< Seconds, 0 to 4,294,967,295.
     int8_t request_problem_information = -1;   ///< 0 or 1.
@@ -179,7 +179,7 @@ class ZEB_API MqttWrapper {
     int32_t receive_maximum = -1;              ///< 1 to 65535.
     int32_t topic_alias_maximum = -1;          ///< 0 to 65535.
     int64_t maximum_packet_size = -1;          ///< Bytes; StartClient with MQTT 5.0 sets and sends 131072.
-    std::list<PairedString> user_property;
+    std::list<PairedString> user_property;     ///< MQTT 5.0.
   };
 
   /// What Subscribe asks for.
@@ -198,11 +198,11 @@ class ZEB_API MqttWrapper {
 
   /// How StopClient takes its leave; MQTT 5.0 (3.14.2). With MQTT 3.1.1 nothing of it is sent.
   struct DisconnectOption {
-    int32_t reason_code = 0;               ///< DISCONNECT reason code; 4 asks for the will to be published.
-    int64_t session_expiry_interval = -1;  ///< Seconds, 0 to 4,294,967,295; -1: not sent.
-    std::string server_reference;          ///< Empty: not sent.
-    std::string reason_string;             ///< Empty: not sent.
-    std::list<PairedString> user_property;
+    int32_t reason_code = 0;                ///< DISCONNECT reason code; 4 asks for the will to be published.
+    int64_t session_expiry_interval = -1;   ///< Seconds, 0 to 4,294,967,295; -1: not sent.
+    std::string server_reference;           ///< Empty: not sent.
+    std::string reason_string;              ///< Empty: not sent.
+    std::list<PairedString> user_property;  ///< MQTT 5.0.
   };
 
   /// MQTT 5.0 properties of an inbound packet. Numbers are 0 and strings empty when the packet bears none.
@@ -239,7 +239,7 @@ class ZEB_API MqttWrapper {
 
   /// The broker's answer to SUBSCRIBE.
   struct SubscriptionAck {
-    uint16_t message_id = 0;
+    uint16_t message_id = 0;  ///< Packet identifier of the request.
     /// Of the first topic filter: the granted QoS (0 to 2), or 0x80 and above when it was refused.
     int32_t reason_code = k_no_reason_code;
     Properties properties;  ///< MQTT 5.0.
@@ -247,7 +247,7 @@ class ZEB_API MqttWrapper {
 
   /// The broker's answer to UNSUBSCRIBE.
   struct UnsubscriptionAck {
-    uint16_t message_id = 0;
+    uint16_t message_id = 0;                 ///< Packet identifier of the request.
     int32_t reason_code = k_no_reason_code;  ///< Of the first filter; MQTT 3.1.1 sends none.
     Properties properties;                   ///< MQTT 5.0.
   };
@@ -303,9 +303,11 @@ class ZEB_API MqttWrapper {
   /// Sends PINGREQ; with `wait`, returns when PINGRESP has come, or `kFailure` after the time-out.
   Result Ping(bool wait);
 
-  /// User properties of every PUBACK, PUBREC or PUBCOMP sent from now on, across reconnections (MQTT 5.0).
+  /// User properties of every PUBACK sent from now on, across reconnections (MQTT 5.0).
   Result SetPubAckUserProperties(std::list<PairedString>& user_property);
+  /// As SetPubAckUserProperties, for PUBREC.
   Result SetPubRecUserProperties(std::list<PairedString>& user_property);
+  /// As SetPubAckUserProperties, for PUBCOMP.
   Result SetPubCompUserProperties(std::list<PairedString>& user_property);
 
   /// A snapshot; never blocks for the network.
@@ -313,10 +315,15 @@ class ZEB_API MqttWrapper {
 
   /// Names of codes, as MQTT has them; "UNKNOWN" for a value that has none. Any thread.
   static std::string GetConnectReturnCodeInStr(ConnectReturnCode code);
+  /// The same by number.
   static std::string GetConnectReturnCodeInStr(int code);
+  /// The same of a CONNACK reason code.
   static std::string GetConnectReasonCodeInStr(ConnectReasonCode code);
+  /// The same by number.
   static std::string GetConnectReasonCodeInStr(int code);
+  /// The same of a packet type.
   static std::string GetMsgTypeInStr(MessageType type);
+  /// The same by number.
   static std::string GetMsgTypeInStr(int type);
 
  private:

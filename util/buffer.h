@@ -25,7 +25,9 @@ class Buffer {
   /// Number of bytes held.
   [[nodiscard]] size_t length() const { return bytes_.size(); }
 
+  /// Compares the bytes.
   friend bool operator==(const Buffer& a, const Buffer& b) { return a.bytes_ == b.bytes_; }
+  /// Compares the bytes.
   friend bool operator!=(const Buffer& a, const Buffer& b) { return !(a == b); }
 
  private:

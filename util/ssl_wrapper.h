@@ -50,6 +50,7 @@ class SslWrapper {
 
   /// The platform's own state, for its socket code.
   struct Context;
+  /// Stays where it is as long as the object.
   [[nodiscard]] const Context& context() const { return *context_; }
 
  private:

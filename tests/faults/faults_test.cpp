@@ -42,7 +42,7 @@ bool Fails(const char* call) {
   return now->lasting ? at >= now->nth : at == now->nth;
 }
 
-void* Allocate(size_t size) {
+__attribute__((noinline)) void* Allocate(size_t size) {
   if (Fails("new")) throw std::bad_alloc();
   return std::malloc(size);
 }

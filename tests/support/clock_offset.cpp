@@ -11,7 +11,10 @@ std::atomic<int64_t> zeb::test::wall_clock_s{0};
 
 extern "C" int clock_gettime(clockid_t clock, timespec* now) noexcept {
   const int result = static_cast<int>(::syscall(SYS_clock_gettime, clock, now));
-  if (clock == CLOCK_BOOTTIME) now->tv_sec += zeb::test::suspended_s.load(std::memory_order_relaxed);
-  if (clock == CLOCK_REALTIME) now->tv_sec += zeb::test::wall_clock_s.load(std::memory_order_relaxed);
+  const auto add = [now](const auto& seconds) {
+    now->tv_sec += static_cast<time_t>(seconds.load(std::memory_order_relaxed));
+  };
+  if (clock == CLOCK_BOOTTIME) add(zeb::test::suspended_s);
+  if (clock == CLOCK_REALTIME) add(zeb::test::wall_clock_s);
   return result;
 }

@@ -1,0 +1,16 @@
+# The part that the toolchain files share: Debian's cross compiler for ZEB_TRIPLET, the packages that
+# scripts/arm-sysroot unpacked, and qemu-user to run what was built. ZEB_SYSROOT names another sysroot.
+set(CMAKE_SYSTEM_NAME Linux)
+set(CMAKE_CXX_COMPILER ${ZEB_TRIPLET}-g++)
+set(CMAKE_STRIP ${ZEB_TRIPLET}-strip)
+set(CMAKE_LIBRARY_ARCHITECTURE ${ZEB_TRIPLET})
+list(APPEND CMAKE_TRY_COMPILE_PLATFORM_VARIABLES ZEB_SYSROOT)
+if(NOT ZEB_SYSROOT)
+  set(ZEB_SYSROOT "${CMAKE_CURRENT_LIST_DIR}/../build/sysroot-${ZEB_DEBIAN_ARCHITECTURE}")
+endif()
+get_filename_component(CMAKE_SYSROOT "${ZEB_SYSROOT}" ABSOLUTE)
+set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
+set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
+set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
+set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
+set(CMAKE_CROSSCOMPILING_EMULATOR "${ZEB_QEMU};-L;${CMAKE_SYSROOT}")

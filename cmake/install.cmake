@@ -1,0 +1,58 @@
+# What `cmake --install` puts where: the libraries, the public headers below a folder of their own, and what CMake
+# and pkg-config need to find them. Components: runtime, dev, tool.
+set(zeb_package_dir "${CMAKE_INSTALL_LIBDIR}/cmake/zeb_mqtt")
+foreach(library IN LISTS zeb_libraries)
+  install(TARGETS ${library} EXPORT zeb_mqtt
+    LIBRARY COMPONENT runtime NAMELINK_COMPONENT dev
+    ARCHIVE COMPONENT dev
+    FILE_SET HEADERS DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/zeb_mqtt" COMPONENT dev)
+endforeach()
+install(EXPORT zeb_mqtt NAMESPACE zeb:: FILE zeb_mqtt-targets.cmake DESTINATION "${zeb_package_dir}" COMPONENT dev)
+
+# Whoever links the static library links what it uses; the shared one has it inside.
+set(zeb_find find_dependency)
+set(zeb_options "")
+set(zeb_private "")
+set(zeb_libs " -pthread")
+if(BUILD_SHARED_LIBS)
+  set(zeb_find find_package)
+  set(zeb_options " QUIET")
+endif()
+if(BUILD_SHARED_LIBS OR ZEB_BUILD_BOTH)
+  set(zeb_private ".private")
+  set(zeb_libs "\nLibs.private: -pthread")
+endif()
+set(zeb_find_dependencies "")
+set(zeb_requires "")
+if(ZEB_BUILD_BOTH OR NOT BUILD_SHARED_LIBS)
+  set(zeb_find_dependencies "${zeb_find}(Threads${zeb_options})")
+  if(ZEB_PLATFORM STREQUAL "linux")
+    string(APPEND zeb_find_dependencies "\n${zeb_find}(OpenSSL${zeb_options})")
+    set(zeb_requires "Requires${zeb_private}: libssl libcrypto")
+  endif()
+endif()
+configure_package_config_file(cmake/zeb_mqtt-config.cmake.in zeb_mqtt-config.cmake
+  INSTALL_DESTINATION "${zeb_package_dir}" NO_SET_AND_CHECK_MACRO)
+write_basic_package_version_file(zeb_mqtt-config-version.cmake COMPATIBILITY SameMinorVersion)
+install(FILES
+  "${PROJECT_BINARY_DIR}/zeb_mqtt-config.cmake"
+  "${PROJECT_BINARY_DIR}/zeb_mqtt-config-version.cmake"
+  DESTINATION "${zeb_package_dir}" COMPONENT dev)
+
+# The prefix is told from where the file stands: it may be installed below another one than was configured.
+file(RELATIVE_PATH zeb_prefix "/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/")
+configure_file(cmake/zeb_mqtt.pc.in zeb_mqtt.pc @ONLY)
+install(FILES "${PROJECT_BINARY_DIR}/zeb_mqtt.pc" DESTINATION "${CMAKE_INSTALL_LIBDIR}/pkgconfig" COMPONENT dev)
+
+# zeb_install_man PAGE SECTION COMPONENT: compressed, as Debian wants them.
+function(zeb_install_man page section component)
+  set(source "${PROJECT_SOURCE_DIR}/docs/man/${page}.${section}")
+  set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS "${source}")
+  set(compressed "${PROJECT_BINARY_DIR}/${page}.${section}.gz")
+  file(ARCHIVE_CREATE OUTPUT "${compressed}" PATHS "${source}" FORMAT raw COMPRESSION GZip COMPRESSION_LEVEL 9)
+  install(FILES "${compressed}" DESTINATION "${CMAKE_INSTALL_MANDIR}/man${section}" COMPONENT ${component})
+endfunction()
+zeb_install_man(zeb_mqtt 3 dev)
+if(TARGET zebmqtt)
+  zeb_install_man(zebmqtt 1 tool)
+endif()

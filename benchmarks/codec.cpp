@@ -177,7 +177,8 @@ void Encode(benchmark::State& state, const Outbound& outbound) {
   const auto renew = [&] {
     client = fuzz::NewClient(outbound.mqtt5);
     fuzz::wire.keeps = false;
-    fuzz::wire.answer = [&client](uint8_t first_byte) {  // the next type; for QoS 2 the one after it
+    fuzz::wire.on_send = [&client](std::string_view packet) {  // the next type; for QoS 2 the one after it
+      const auto first_byte = static_cast<uint8_t>(packet[0]);
       if (first_byte >> 4 == 4 || first_byte >> 4 == 5 || (first_byte >> 4) % 7 == 0) return;
       const int type = (first_byte & 0xF0) + ((first_byte & 0xF6) == 0x34 ? 0x20 : 0x10);
       const uint8_t bytes[] = {static_cast<uint8_t>(type), 2, 0, static_cast<uint8_t>(type != 0x20), 0};

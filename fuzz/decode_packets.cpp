@@ -1,7 +1,6 @@
 // Any bytes into the decoder: nothing is read beyond them, no more is used up than there is, and whatever the
 // client answers is a packet.
 #include "fuzz/harness.h"
-#include "fuzz/strict_parser.h"
 
 using namespace zeb;
 using Peer = mqtt::SelfMqttImplPeer;

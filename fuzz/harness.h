@@ -1,15 +1,14 @@
-// What the fuzzers share: their input's reader, the check that ends a run, and the connection of the fake
-// platform. One thread.
+// What the fuzzers share: their input's reader and the check that ends a run, over the platform in memory.
+// One thread.
 #pragma once
 
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
-#include <deque>
-#include <functional>
 #include <string>
 #include <vector>
 
+#include "tests/external/external_platform.h"
 #include "tests/support/peer.h"
 
 namespace zeb::fuzz {
@@ -48,20 +47,18 @@ struct Length {
   bool ends = false;
 };
 
-/// What the client will receive and what it has sent.
-inline struct Wire {
-  std::string inbound;
-  size_t received = 0;        // of it
-  std::deque<size_t> pieces;  // sizes of the next reads; then all there is
-  ssize_t end = 0;            // what a read returns behind the last byte
-  bool broken = false;        // sends fail
-  bool keeps = true;          // what is sent
-  std::vector<std::string> sent;
-  std::function<void(uint8_t first_byte)> answer;  // called within each send
-} wire;
-
+using external::wire;
 /// A client after its CONNACK, on a new wire.
 std::unique_ptr<mqtt::SelfMqttImpl> NewClient(bool mqtt5,
                                               mqtt::SelfMqttImplPeer::MessageCallback callback = {});
+
+struct ClientPacket {
+  unsigned first_byte = 0, identifier = 0;
+  std::vector<std::string> texts;  // in the packet's order; a payload comes last
+};
+/// Takes a packet that a client has sent apart, without a line of the library. A malformed one ends the
+/// process. What only an application's wishes decide (a will of QoS 3, a topic without a byte) is let
+/// through.
+ClientPacket ParseClientPacket(const std::string& bytes, bool mqtt5);
 
 }  // namespace zeb::fuzz

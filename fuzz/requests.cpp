@@ -3,7 +3,6 @@
 #include <syslog.h>
 
 #include "fuzz/harness.h"
-#include "fuzz/strict_parser.h"
 
 using namespace zeb;
 using mqtt::MqttWrapper;
@@ -127,7 +126,7 @@ struct Session : fuzz::Input {
   // Up to four requests over one buffer.
   void Run() {
     Peer::SetMessageId(*client, static_cast<int32_t>(last_id = Number(2)));
-    fuzz::wire.answer = [this](uint8_t first_byte) { Answer(first_byte); };
+    fuzz::wire.on_send = [this](std::string_view packet) { Answer(static_cast<uint8_t>(packet[0])); };
     for (int left = 4; left > 0 && at < bytes.size(); --left) {
       fuzz::wire.sent.clear();
       refusable = false;

@@ -1,5 +1,4 @@
-#include "fuzz/strict_parser.h"
-
+// The strict parser.
 #include <cstring>
 #include <map>
 #include <set>

@@ -14,11 +14,9 @@
 
 #include <csignal>
 #include <cstring>
-#include <filesystem>
 
 #include "tests/network/uplinks.h"
 #include "tests/session/session.h"
-#include "tests/support/clock_offset.h"
 
 namespace {
 
@@ -91,18 +89,6 @@ int pthread_create(pthread_t* a, const pthread_attr_t* b, void* (*c)(void*), voi
 namespace zeb::test {
 namespace {
 
-size_t Entries(const char* folder) {
-  return static_cast<size_t>(std::distance(std::filesystem::directory_iterator(folder), {}));
-}
-
-bool Eventually(const std::function<bool()>& condition) {
-  for (int look = 0; look < 20'000; ++look) {
-    if (condition()) return true;  // it need not stay so: the broker may meet a connection later
-    ::poll(nullptr, 0, 1);
-  }
-  return false;
-}
-
 struct Case {
   const char* call;
   int error;
@@ -152,8 +138,9 @@ class Faults : public testing::TestWithParam<Case> {
     EXPECT_TRUE(Eventually([&] { return Entries("/proc/self/task") == threads_; }));
     EXPECT_TRUE(Eventually([&] { return Entries("/proc/self/fd") == descriptors_; }));
     if (std::getenv(k_isolated) == nullptr) return;
-    const std::filesystem::path power("/sys/power");  // one byte more asks for the right
-    EXPECT_EQ(file_size(power / "wake_lock") + 1, file_size(power / "wake_unlock"));
+    const std::filesystem::path power("/sys/power");
+    EXPECT_EQ(file_size(power / "wake_lock") + 1,
+              file_size(power / "wake_unlock"));  // one asks for the right
   }
 
   void Recover() {
@@ -174,8 +161,8 @@ class Faults : public testing::TestWithParam<Case> {
   Session session_{
       k_mqtt5, {{MsgType::SUBSCRIBE, answer_}, {MsgType::PUBLISH, answer_}, {MsgType::PUBREL, answer_}}, 2};
   MqttWrapper::SubscribeOption filters_{{{"a", uint8_t{2}}}, 0, {}};
-  std::vector<util::ScopedFd> others_{
-      100};  // more than the broker has connections: its poll obeys the limit too
+  // More than the broker has connections: its poll obeys the limit, too.
+  std::vector<util::ScopedFd> others_{100};
   size_t threads_ = Entries("/proc/self/task");
   size_t descriptors_ = 0;
   uint8_t qos_ = 0;
@@ -215,27 +202,28 @@ TEST_P(Faults, AtEveryCallAreToldAndSurvived) {
     if (!happened) ++round, nth = 0;
   }
 }
-INSTANTIATE_TEST_SUITE_P(
-    , Faults,
-    testing::Values(Case{"eventfd",
-                         EMFILE,
-                         {"eventfd errno [24]", "no resources", "not watched: Too", "a stop waits for the"}},
-                    Case{"timerfd_create", EMFILE, {"timerfd_create errno [24]"}},
-                    Case{"timerfd_settime", EINVAL, {"timerfd_settime errno [22]", "Cannot reset timerfd"}},
-                    Case{"epoll_create1", EMFILE, {"epoll_create errno [24]"}},
-                    Case{"epoll_ctl", ENOSPC, {"EPOLL_CTL_ADD fd ["}},
-                    Case{"epoll_wait", EINVAL, {"select errno 22"}}, Case{"epoll_wait", EINTR},
-                    Case{"poll", EINTR}, Case{"send", EINTR}, Case{"recv", EINTR},
-                    Case{"socket", EMFILE, {": Too many open files"}},
-                    Case{"setsockopt", ENOBUFS, {"not set: No buffer space available"}},
-                    Case{"pthread_create", EAGAIN, {"no thread: Resource temporarily unavailable"}},
-                    Case{"getifaddrs", EMFILE, {"interfaces not listed: Too many open files"}},
-                    Case{"mmap", ENOMEM, {"Cannot alloc receive buf"}}, Case{"new", ENOMEM},
-                    Case{"setrlimit",
-                         0,
-                         {"errno [24]", "Too many open files", "no resources", "a stop waits",
-                          "Cannot get CONNACK", "Cannot Resolv"}}),
-    [](const auto& test) { return test.param.call + std::to_string(test.param.error); });
+const Case k_cases[] = {
+    {"eventfd", EMFILE, {"eventfd errno [24]", "no resources", "not watched: Too", "a stop waits for the"}},
+    {"timerfd_create", EMFILE, {"timerfd_create errno [24]"}},
+    {"timerfd_settime", EINVAL, {"timerfd_settime errno [22]", "Cannot reset timerfd"}},
+    {"epoll_create1", EMFILE, {"epoll_create errno [24]"}},
+    {"epoll_ctl", ENOSPC, {"EPOLL_CTL_ADD fd ["}},
+    {"epoll_wait", EINVAL, {"select errno 22"}},
+    {"epoll_wait", EINTR},
+    {"poll", EINTR},
+    {"send", EINTR},
+    {"recv", EINTR},
+    {"socket", EMFILE, {": Too many open files"}},
+    {"setsockopt", ENOBUFS, {"not set: No buffer space available"}},
+    {"pthread_create", EAGAIN, {"no thread: Resource temporarily unavailable"}},
+    {"getifaddrs", EMFILE, {"interfaces not listed: Too many open files"}},
+    {"mmap", ENOMEM, {"Cannot alloc receive buf"}},
+    {"new", ENOMEM},
+    {"setrlimit",
+     0,
+     {"errno [24]", "Too many open", "no resources", "a stop waits", "Cannot get CONNACK", "Cannot Resolv"}}};
+INSTANTIATE_TEST_SUITE_P(, Faults, testing::ValuesIn(k_cases),
+                         [](const auto& test) { return test.param.call + std::to_string(test.param.error); });
 
 TEST_F(Faults, SignalsInterruptNothing) {
   struct sigaction without_restart {};
@@ -266,7 +254,7 @@ TEST_F(Faults, ClocksMayJump) {
 TEST_F(Faults, TheSystemsLogMayBeAbsentOrStalled) {
   if (std::getenv(k_isolated) == nullptr) GTEST_SKIP() << "no right to make a mount namespace";
   Shell("mount -t tmpfs none /dev");
-  PassLogOn(true);
+  pass_log_on = true;
   EXPECT_EQ(RunSession(), 0);
   ::closelog();
   util::ScopedFd log(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
@@ -280,7 +268,7 @@ TEST_F(Faults, TheSystemsLogMayBeAbsentOrStalled) {
     EXPECT_EQ(session_.broker.Await(MsgType::PINGREQ, 5).hex(), "c000");
     EXPECT_TRUE(session_.Healthy());
     EXPECT_EQ(session_.Stop(), kSuccess);
-    PassLogOn(false);
+    pass_log_on = false;
   });
   char line[4'096];
   EXPECT_EQ(session.wait_for(std::chrono::seconds(2)), std::future_status::timeout);

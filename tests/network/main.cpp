@@ -1,9 +1,8 @@
 // Runs the tests in namespaces of their own, as root or as an ordinary user; where neither may make them, the
 // tests are skipped and say so.
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <string_view>
+#include <cstring>
 #include <vector>
 
 #include "tests/network/uplinks.h"
@@ -12,23 +11,15 @@ namespace {
 
 // Also prepares what the tests need to write: names of namespaces, and the kernel's wake locks.
 constexpr char k_enter[] =
-    "mount -t tmpfs none /run && mkdir -p /run/power && mount --bind /run/power /sys/power && "
-    "touch /sys/power/wake_lock /sys/power/wake_unlock && exec \"$@\"";
+    R"( sh -c 'mount -t tmpfs none /run && mkdir -p /run/power && mount --bind /run/power /sys/power &&
+touch /sys/power/wake_lock /sys/power/wake_unlock && exec "$@"' sh )";
 
 void EnterNamespaces(char** argv) {
-  std::vector<const char*> words{"unshare", "--net", "--mount"};
-  if (::geteuid() != 0) words.insert(words.end(), {"--user", "--map-root-user"});
-  words.insert(words.end(), {"sh", "-c", k_enter, "sh"});
-  const size_t program_at = words.size();
-  words.insert(words.end(), {"true", nullptr});
-  const pid_t trial = ::fork();
-  if (trial == 0) {
-    ::execvp(words[0], const_cast<char**>(words.data()));
-    ::_exit(1);
-  }
-  int status = 1;
-  if (::waitpid(trial, &status, 0) != trial || status != 0) return;
-  words.resize(program_at);
+  const std::string rights = ::geteuid() != 0 ? " --user --map-root-user" : "";
+  const std::string enter = "exec unshare --net --mount" + rights + k_enter;
+  if (std::system((enter + "true 2>/dev/null").c_str()) != 0) return;
+  const std::string program = enter + "\"$@\"";
+  std::vector<const char*> words{"sh", "-c", program.c_str(), "sh"};
   for (; *argv != nullptr; ++argv) words.push_back(*argv);
   words.push_back(nullptr);
   ::setenv(zeb::test::k_isolated, "1", 1);
@@ -38,8 +29,7 @@ void EnterNamespaces(char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  bool lists = false;
-  for (int i = 1; i < argc; ++i) lists |= std::string_view(argv[i]) == "--gtest_list_tests";
+  const bool lists = argc > 1 && std::strcmp(argv[1], "--gtest_list_tests") == 0;
   if (!lists && std::getenv(zeb::test::k_isolated) == nullptr) EnterNamespaces(argv);
   testing::InitGoogleTest(&argc, argv);
   return RUN_ALL_TESTS();

@@ -5,13 +5,10 @@
 
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 
 #include "tests/network/uplinks.h"
 #include "tests/session/session.h"
 #include "util/network_manager.h"
-#include "util/psm_manager.h"
-#include "util/socket.h"
 
 static std::atomic<bool> deny_device{false};
 
@@ -40,11 +37,6 @@ void Replace(const std::string& file, const std::string& text) {
   const std::string own = "/run/" + std::filesystem::path(file).filename().string();
   std::ofstream(own) << text;
   Shell("mount --bind " + own + " " + file);
-}
-
-std::string Contents(const std::string& file) {
-  std::ifstream stream(file);
-  return {std::istreambuf_iterator<char>(stream), {}};
 }
 
 TEST_F(Uplinks, TheInterfaceDecidesWhichBrokerAnswers) {
@@ -104,11 +96,8 @@ TEST_F(Uplinks, OnlyTheLossOfTheLastAddressEndsTheSessionAndAPublishThatWaits) {
 
 TEST_F(Uplinks, ARegistrationLearnsThatItsConnectionsAddressHasGone) {
   const auto session = SessionAt("peer0");
-  util::SocketClient::SocketClientOption option;
-  option.timeout_us = 20'000'000;
-  const util::SocketClient socket("", util::Socket::Protocol::kTcp, util::Socket::Domain::kIpv4,
-                                  "192.0.2.1;1883", option);
-  ASSERT_TRUE(socket.IsConnected());
+  const auto socket = Connect("192.0.2.1;1883");
+  ASSERT_TRUE(socket->IsConnected());
   const std::pair<const char*, const char*> cases[] = {{"addr add 10.0.0.3/24 dev up0", ""},
                                                        {"-n peer0 link set net down", ""},  // still its own
                                                        {"addr del 10.0.0.2/24 dev up0", "4"}};
@@ -117,7 +106,7 @@ TEST_F(Uplinks, ARegistrationLearnsThatItsConnectionsAddressHasGone) {
     util::NetworkManager manager;
     Ip(change);
     manager.SetEventCb([&](util::EventDic& event) { lost += event.GetParam(util::EventDic::k_ip_version); },
-                       socket.GetFd());
+                       socket->GetFd());
     EXPECT_EQ(lost, expected) << change;  // at once; the host still has another address
   }
 }
@@ -193,18 +182,6 @@ TEST_F(Uplinks, WhatNobodyAnswersEndsAtTheTimeOutOrWithAStop) {
     (void)session->Stop();
     EXPECT_EQ(Peer::SocketFd(session->client), -1);
   }
-}
-
-TEST_F(Uplinks, WakeLocksGoToTheKernelWhereItTakesThem) {
-  ASSERT_EQ(psm::PsmManager::GetBackend(), psm::PsmManager::Backend::kKernel);
-  const auto session = SessionAt("peer0");
-  ASSERT_EQ(session->Start(), kSuccess);
-  EXPECT_EQ(session->Publish(2), kSuccess);
-  EXPECT_EQ(session->Stop(), kSuccess);
-  EXPECT_EQ(psm::PsmManager::HeldLocks(), 0U);
-  const std::string locked = Contents("/sys/power/wake_lock");
-  EXPECT_EQ(locked.compare(0, 5, "MQTT_"), 0) << locked;
-  EXPECT_EQ(Contents("/sys/power/wake_unlock"), "\n" + locked);  // the line feed asked for the right
 }
 
 }  // namespace

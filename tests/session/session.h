@@ -3,15 +3,16 @@
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <future>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "mqtt/self_mqtt_impl.h"
-#include "tests/support/log_capture.h"
 #include "tests/support/peer.h"
 #include "tests/support/scripted_broker.h"
+#include "tests/support/system.h"
 #include "util/boot_clock.h"
 
 namespace zeb::test {
@@ -83,6 +84,18 @@ double Seconds(Call call) {
   const int64_t start_us = util::MonotonicUs();
   call();
   return static_cast<double>(util::MonotonicUs() - start_us) / 1e6;
+}
+
+inline size_t Entries(const char* folder) {
+  return static_cast<size_t>(std::distance(std::filesystem::directory_iterator(folder), {}));
+}
+
+/// Whether the condition came true; it need not stay so.
+template <typename Condition>
+bool Eventually(Condition condition) {
+  for (int look = 0; look < 20'000; ++look, ::poll(nullptr, 0, 1))
+    if (condition()) return true;
+  return false;
 }
 
 inline bool IsReady(const std::future<Result>& future) {

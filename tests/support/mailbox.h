@@ -27,9 +27,10 @@ class Mailbox {
     const std::lock_guard<std::mutex> lock(state_->mutex);
     state_->values.clear();
   }
+  static bool Any(const T& /*value*/) { return true; }
   /// The values that match, once there are `count`, or those that came before the deadline.
-  template <typename Matches>
-  [[nodiscard]] std::vector<T> Await(size_t count, Matches matches) const {
+  template <typename Matches = decltype(&Any)>
+  [[nodiscard]] std::vector<T> Await(size_t count, Matches matches = Any) const {
     std::vector<T> found;
     size_t next = 0;
     std::unique_lock<std::mutex> lock(state_->mutex);
@@ -39,9 +40,6 @@ class Mailbox {
       return found.size() >= count;
     });
     return found;
-  }
-  [[nodiscard]] std::vector<T> Await(size_t count) const {
-    return Await(count, [](const T&) { return true; });
   }
 
  private:

@@ -17,12 +17,8 @@ struct SelfMqttImplPeer {
   }
   static std::string Tag(const SelfMqttImpl& client) { return client.Tag(); }
   static void SetTag(SelfMqttImpl& client, const std::string& tag) { client.SetTag(tag); }
-  static void SetMessageId(SelfMqttImpl& client, int32_t last) {
-    const util::MutexLock lock(client.message_id_mutex_);
-    client.message_id_ = last;
-  }
+  static void SetMessageId(SelfMqttImpl& client, int32_t last) { client.message_id_ = last; }
   static void SetPingWait(SelfMqttImpl& client, bool wait) { client.ping_wait_ = wait; }
-  static void SetTimeout(SelfMqttImpl& client, int32_t seconds) { client.timeout_sec_ = seconds; }
 
   /// When a ping was sent and its answer received, in microseconds of CLOCK_BOOTTIME; 0: none.
   using Stamps = std::pair<int64_t, int64_t>;
@@ -66,7 +62,7 @@ struct SelfMqttImplPeer {
     option.protocol = protocol;
     option.message_cb = std::move(message_cb);
     SetOption(client, option);
-    SetTimeout(client, 1);
+    client.timeout_sec_ = 1;
     client.ReplaceConnection(socket, nullptr);
     client.connect_state_ = SelfMqttImpl::ConnectState::kSent;
     client.status_ = SelfMqttImpl::kSessionEstablished;

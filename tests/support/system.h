@@ -1,14 +1,19 @@
-// What the library writes to syslog, kept for a test to look at. Any thread.
+// What the library asks of the system: lines for the log, kept for a test to look at, and clocks, which a
+// test moves. Any thread.
 #pragma once
 
+#include <atomic>
 #include <string>
 #include <vector>
 
 namespace zeb::test {
 
+/// How far clocks have moved since the test began, for whoever reads them; timers and waits stay as they are.
+extern std::atomic<int64_t> suspended_s, wall_clock_s;  // go to CLOCK_BOOTTIME and CLOCK_REALTIME
+extern std::atomic<bool> pass_log_on;                   ///< While true, lines go to the system's log alone.
+
 /// Captures from construction to destruction; at most one at a time.
-class LogCapture {
- public:
+struct LogCapture {
   struct Line {
     int priority;
     std::string text;
@@ -25,8 +30,5 @@ class LogCapture {
     return Lines(part, count).size() >= count;
   }
 };
-
-/// While true, lines go to the system's log and nowhere else.
-void PassLogOn(bool pass_on);
 
 }  // namespace zeb::test

@@ -1,25 +1,30 @@
-// Takes the place of syslog(). <syslog.h> is left out on purpose: with fortified headers it would define
-// these functions itself.
-#include "tests/support/log_capture.h"
+// Takes the place of syslog() and clock_gettime(). <syslog.h> is left out on purpose: with fortified headers
+// it would define the former itself.
+#include "tests/support/system.h"
 
-#include <atomic>
+#include <sys/syscall.h>
+#include <unistd.h>
+
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
+#include <ctime>
 
 #include "tests/support/mailbox.h"
 
 extern "C" void vsyslog(int priority, const char* format, va_list arguments);
 
 namespace zeb::test {
+std::atomic<int64_t> suspended_s{0}, wall_clock_s{0};
+std::atomic<bool> pass_log_on{false};
+
 namespace {
 
 const auto& kept = *new Mailbox<LogCapture::Line>;  // never freed: threads may log until the process ends
 std::atomic<bool> capturing{false};
-std::atomic<bool> passing_on{false};
 
 __attribute__((format(printf, 2, 0))) void Keep(int priority, const char* format, va_list arguments) {
-  if (passing_on.load(std::memory_order_relaxed)) return ::vsyslog(priority, format, arguments);
+  if (pass_log_on.load(std::memory_order_relaxed)) return ::vsyslog(priority, format, arguments);
   // Relaxed, so that logging orders no two threads while nobody captures and hides no race.
   char* text = nullptr;
   if (!capturing.load(std::memory_order_relaxed) || ::vasprintf(&text, format, arguments) < 0) return;
@@ -28,8 +33,6 @@ __attribute__((format(printf, 2, 0))) void Keep(int priority, const char* format
 }
 
 }  // namespace
-
-void PassLogOn(bool pass_on) { passing_on = pass_on; }
 
 LogCapture::LogCapture() {
   kept.Clear();
@@ -56,5 +59,14 @@ __attribute__((format(printf, 3, 4))) void __syslog_chk(int priority, int /*flag
   va_start(arguments, format);
   zeb::test::Keep(priority, format, arguments);
   va_end(arguments);
+}
+int clock_gettime(clockid_t clock, timespec* now) noexcept {
+  const int result = static_cast<int>(::syscall(SYS_clock_gettime, clock, now));
+  const auto add = [now](const auto& seconds) {
+    now->tv_sec += static_cast<time_t>(seconds.load(std::memory_order_relaxed));
+  };
+  if (clock == CLOCK_BOOTTIME) add(zeb::test::suspended_s);
+  if (clock == CLOCK_REALTIME) add(zeb::test::wall_clock_s);
+  return result;
 }
 }

@@ -20,15 +20,15 @@ inline constexpr int k_port = 1883;
 
 /// The newest connection. Guarded by the mutex while a client has threads.
 inline struct Wire {
-  std::vector<std::string> sent;                           // packets of the client
-  bool keeps = true;                                       // what is sent
-  std::function<void(std::string_view packet)> on_send;    // called within each send, without the mutex
-  std::string inbound;                                     // for the client
-  size_t received = 0;                                     // of it
-  std::deque<size_t> pieces;                               // sizes of the next reads; then all there is
-  ssize_t end = zeb::util::SocketClient::k_nothing_now;    // what a read returns behind the last byte
-  bool broken = false;                                     // sends fail
-  zeb::util::ScopedFd far_end;                             // a byte in it wakes the client
+  std::vector<std::string> sent;                         // packets of the client
+  bool keeps = true;                                     // what is sent
+  std::function<void(std::string_view packet)> on_send;  // called within each send, without the mutex
+  std::string inbound;                                   // for the client
+  size_t received = 0;                                   // of it
+  std::deque<size_t> pieces;                             // sizes of the next reads; then all there is
+  ssize_t end = zeb::util::SocketClient::k_nothing_now;  // what a read returns behind the last byte
+  bool broken = false;                                   // sends fail
+  zeb::util::ScopedFd far_end;                           // a byte in it wakes the client
 } wire;
 inline std::mutex mutex;
 inline std::atomic<int> locks{0};  ///< wake locks taken so far

@@ -1,10 +1,14 @@
-// PINGREQ out, PINGRESP in, and the judgement whether the answer came in time. Ping runs on any thread, Pong
-// and RecordPong on the receive thread.
+// PINGREQ out, PINGRESP in, the judgement whether the answer came in time, and the timer of the next PINGREQ.
+// Ping runs on any thread, Pong, RecordPong and RearmTimer on the receive thread.
 #include <poll.h>
+#include <sys/epoll.h>
+#include <sys/timerfd.h>
 
 #include <algorithm>
+#include <utility>
 
 #include "mqtt/client_log.h"
+#include "mqtt/recv_loop.h"
 #include "mqtt/self_mqtt_impl.h"
 #include "util/boot_clock.h"
 #include "util/scope_exit.h"
@@ -13,6 +17,8 @@ namespace zeb::mqtt {
 namespace {
 
 constexpr int64_t kUsPerSecond = 1'000'000;
+constexpr int64_t kRearmStepUs = 100'000;
+constexpr char kRecvThread[] = "void zeb::mqtt::SelfMqttImpl::RecvThread()";
 constexpr char kPong[] = "zeb::Result zeb::mqtt::SelfMqttImpl::Pong()";
 
 }  // namespace
@@ -134,6 +140,47 @@ void SelfMqttImpl::RecordPong() {
     pong_recv_ = owed ? std::max(now_us, ping_sent_ + 1) : now_us;
   } else if (!owed || ping_gave_up_) {
     pong_recv_ = now_us;
+  }
+}
+
+// After a write the next PINGREQ is due a whole keep-alive later. The timer is only ever postponed. Under
+// traffic that takes two system calls a packet: while nobody reads the lines either, one re-arm in a while
+// does, and one that was put off is made up for before the expiry counts.
+void SelfMqttImpl::RearmTimer(RecvLoop& loop, const epoll_event* events, int n) {
+  const int64_t last_sent_us = last_sent_;
+  if (last_sent_us == loop.rearmed_for_us) return;
+  const bool expired = std::any_of(events, events + std::max(n, 0), [&](const epoll_event& event) {
+    return event.data.fd == loop.timer.get();
+  });
+  const int64_t now_us = util::BootTimeUs();
+  if (!expired && !util::LogEnabled(LOG_DEBUG) && now_us - loop.rearmed_at_us < kRearmStepUs) {
+    loop.rearm_owed = true;
+    return;
+  }
+  itimerspec timer{};
+  if (::timerfd_gettime(loop.timer.get(), &timer) != 0) {
+    ZEB_LOG_AS(kRecvThread, LOG_WARNING, "n [%d] Cannot get current value of timer [%d]", n,
+               loop.timer.get());
+    return;
+  }
+  loop.rearmed_for_us = last_sent_us;
+  const auto left_s = static_cast<long>(timer.it_value.tv_sec);
+  const auto left_ns = static_cast<long>(timer.it_value.tv_nsec);
+  int64_t remaining_us = static_cast<int64_t>(left_s) * kUsPerSecond + left_ns / 1000;
+  if (std::exchange(loop.rearm_owed, false) && expired) remaining_us = 0;  // it tells of the next interval
+  const int64_t diff_us = keep_alive_us_ + (last_sent_us - now_us);
+  ZEB_LOG_AS(kRecvThread, LOG_DEBUG, "[%ld:%ld] diff [%jd] time [%jd]", left_s, left_ns,
+             static_cast<intmax_t>(diff_us), static_cast<intmax_t>(remaining_us));
+  if (remaining_us >= diff_us) return;
+  loop.rearmed_at_us = now_us;
+  timer.it_value.tv_sec = static_cast<time_t>(diff_us / kUsPerSecond);
+  timer.it_value.tv_nsec = static_cast<long>(diff_us % kUsPerSecond * 1000);
+  timer.it_interval = timer.it_value;
+  ZEB_LOG_AS(kRecvThread, LOG_DEBUG, "[%ld:%ld] diff [%jd] time [%jd] reset new [%jd:%jd]", left_s, left_ns,
+             static_cast<intmax_t>(diff_us), static_cast<intmax_t>(remaining_us),
+             static_cast<intmax_t>(timer.it_value.tv_sec), static_cast<intmax_t>(timer.it_value.tv_nsec));
+  if (::timerfd_settime(loop.timer.get(), 0, &timer, nullptr) != 0) {
+    ZEB_LOG_AS(kRecvThread, LOG_WARNING, "Cannot reset timerfd [%d]", loop.timer.get());
   }
 }
 

@@ -30,7 +30,6 @@ constexpr char kStopRecvThread[] = "zeb::Result zeb::mqtt::SelfMqttImpl::StopRec
 constexpr int kMaxEvents = 3;  // socket, control descriptor, timer
 constexpr int64_t kUsPerSecond = 1'000'000;
 constexpr int kDrainPollMs = 20;
-constexpr int64_t kRearmStepUs = 100'000;
 constexpr uint32_t kReadable = EPOLLIN | EPOLLWAKEUP;
 constexpr uint32_t kBroken = EPOLLERR | EPOLLHUP;
 constexpr char kExitMessage[9] = "evt_exit";
@@ -250,43 +249,6 @@ int SelfMqttImpl::WaitForEvents(RecvLoop& loop, epoll_event* events) {
 int SelfMqttImpl::WaitLimitMs(const RecvLoop& loop) const {
   if (pending_drains_.empty()) return loop.wait_limit_ms;
   return loop.wait_limit_ms < 0 ? kDrainPollMs : std::min(loop.wait_limit_ms, kDrainPollMs);
-}
-
-// After a write the next PINGREQ is due a whole keep-alive later. The timer is only ever postponed. Under
-// traffic that takes two system calls a packet: while nobody reads the lines either, one re-arm in a while
-// and one before the expiry counts do as well.
-void SelfMqttImpl::RearmTimer(RecvLoop& loop, const epoll_event* events, int n) {
-  const int64_t last_sent_us = last_sent_;
-  if (last_sent_us == loop.rearmed_for_us) return;
-  const bool expired =  // then it is now or never
-      std::any_of(events, events + std::clamp(n, 0, kMaxEvents),
-                  [&](const epoll_event& event) { return event.data.fd == loop.timer.get(); });
-  const int64_t now_us = util::BootTimeUs();
-  if (!expired && !util::LogEnabled(LOG_DEBUG) && now_us - loop.rearmed_at_us < kRearmStepUs) return;
-  itimerspec timer{};
-  if (::timerfd_gettime(loop.timer.get(), &timer) != 0) {
-    ZEB_LOG_AS(kRecvThread, LOG_WARNING, "n [%d] Cannot get current value of timer [%d]", n,
-               loop.timer.get());
-    return;
-  }
-  loop.rearmed_for_us = last_sent_us;
-  loop.rearmed_at_us = now_us;
-  const auto left_s = static_cast<long>(timer.it_value.tv_sec);
-  const auto left_ns = static_cast<long>(timer.it_value.tv_nsec);
-  const int64_t remaining_us = static_cast<int64_t>(left_s) * kUsPerSecond + left_ns / 1000;
-  const int64_t diff_us = keep_alive_us_ + (last_sent_us - now_us);
-  ZEB_LOG_AS(kRecvThread, LOG_DEBUG, "[%ld:%ld] diff [%jd] time [%jd]", left_s, left_ns,
-             static_cast<intmax_t>(diff_us), static_cast<intmax_t>(remaining_us));
-  if (remaining_us >= diff_us) return;
-  timer.it_value.tv_sec = static_cast<time_t>(diff_us / kUsPerSecond);
-  timer.it_value.tv_nsec = static_cast<long>(diff_us % kUsPerSecond * 1000);
-  timer.it_interval = timer.it_value;
-  ZEB_LOG_AS(kRecvThread, LOG_DEBUG, "[%ld:%ld] diff [%jd] time [%jd] reset new [%jd:%jd]", left_s, left_ns,
-             static_cast<intmax_t>(diff_us), static_cast<intmax_t>(remaining_us),
-             static_cast<intmax_t>(timer.it_value.tv_sec), static_cast<intmax_t>(timer.it_value.tv_nsec));
-  if (::timerfd_settime(loop.timer.get(), 0, &timer, nullptr) != 0) {
-    ZEB_LOG_AS(kRecvThread, LOG_WARNING, "Cannot reset timerfd [%d]", loop.timer.get());
-  }
 }
 
 void SelfMqttImpl::CheckOverdue(int64_t overdue_us) const {

@@ -20,7 +20,8 @@ struct SelfMqttImpl::RecvLoop {
   int wait_limit_ms = 0;       // of epoll_wait
   int64_t overdue_us = 0;      // age at which a missing PUBREL is reported
   int64_t rearmed_for_us = 0;  // last_sent_ that the timer was last set for
-  int64_t rearmed_at_us = 0;   // and when
+  int64_t rearmed_at_us = 0;   // when it was last set
+  bool rearm_owed = false;     // a re-arm was put off since
   bool wake_lock_held = false;
 };
 

@@ -241,8 +241,9 @@ Result SelfMqttImpl::DrainSendQueue(const util::SocketClient& socket, SentPacket
   LookPlan plan(sent.awaits, look == QueueLook::kUnsent && !sent.awaits ? RoundTripUs(socket.GetFd()) : 0);
   for (int32_t poll = 1; look == QueueLook::kUnsent && poll < polls; ++poll) {
     look = PauseDrain(socket, sent, plan);
+    const bool ended = recv_ended_;  // asked first: who closes may have taken everything just before
     if (look == QueueLook::kUnsent) look = LookAtSendQueue(&socket, sent.number);
-    if (look != QueueLook::kUnsent || !recv_ended_) continue;
+    if (look != QueueLook::kUnsent || !ended) continue;
     // Nothing will leave any more. A request that awaits an answer learns of the end from the queue.
     if (sent.awaits) return kSuccess;
     ZEB_LOG_AS(kSendAndWait, LOG_ERR, "socket closed already");

@@ -233,7 +233,6 @@ class SelfMqttImpl {
   void RunRecvLoop(RecvLoop& loop);
   bool PassRecvLoop(RecvLoop& loop);
   int WaitForEvents(RecvLoop& loop, struct epoll_event* events);
-  void RearmTimer(RecvLoop& loop, const struct epoll_event* events, int n);
   void CheckOverdue(int64_t overdue_us) const;
   void DispatchEvents(RecvLoop& loop, const struct epoll_event* events, int n);
   bool HandleControl(const RecvLoop& loop);
@@ -264,6 +263,7 @@ class SelfMqttImpl {
   bool LockPing();
   void RecordPong();
   Result JudgeAnswer();
+  void RearmTimer(RecvLoop& loop, const struct epoll_event* events, int n);
 
   // ---- subscribe.cpp
   Result AppendSubscribeProperties(PacketWriter& body, MqttWrapper::SubscribeOption& option);

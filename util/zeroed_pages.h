@@ -2,6 +2,7 @@
 #pragma once
 
 #include <sys/mman.h>
+#include <unistd.h>
 
 #include <cstddef>
 #include <cstdint>
@@ -16,11 +17,17 @@ struct UnmapPages {
 };
 using ZeroedPages = std::unique_ptr<uint8_t[], UnmapPages>;
 
-/// At least `size` zero bytes, or null. Straight from the system: the allocator might hand out, and clear,
-/// memory used before, and would then pay for every page of a buffer that hardly ever holds more than one.
+/// `size` zero bytes, a multiple of the page, or null. Straight from the system: the allocator might hand
+/// out, and clear, memory used before, and would then pay for every page of a buffer that hardly ever holds
+/// more than one. Behind them stands a page that nobody may touch: a byte too far ends the process, and is
+/// nobody else's.
 inline ZeroedPages MapZeroedPages(size_t size) {
-  void* const pages = ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-  return {pages != MAP_FAILED ? static_cast<uint8_t*>(pages) : nullptr, UnmapPages{size}};
+  const size_t guarded = size + static_cast<size_t>(::sysconf(_SC_PAGESIZE));
+  void* const pages = ::mmap(nullptr, guarded, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  if (pages == MAP_FAILED) return nullptr;
+  ZeroedPages zeroed(static_cast<uint8_t*>(pages), UnmapPages{guarded});
+  if (::mprotect(pages, size, PROT_READ | PROT_WRITE) != 0) zeroed.reset();
+  return zeroed;
 }
 
 }  // namespace zeb::util

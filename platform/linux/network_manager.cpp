@@ -89,12 +89,15 @@ void NetworkManager::SetEventCb(EventCallback callback, int socket_fd) {
   UnsetEventCb();
   if (callback == nullptr) return;
   const auto registration = std::make_shared<Registration>(std::move(callback));
+  std::unique_ptr<NetworkWatcher> ended;  // waited for without the lock
   Registration::Registry& registry = Registration::GetRegistry();
   MutexLock lock(registry.mutex);
   registry.list.push_back(registration);
   registration_ = registration;
   if (registry.watcher == nullptr) registry.watcher = NetworkWatcher::Start();
+  ended = std::move(registry.ended);
   lock.Unlock();
+  ended.reset();
 
   // The address may have gone between the connect and this moment: the watcher, which reports changes, has
   // no more to say about it.

@@ -50,6 +50,7 @@ std::string Connection::Name() const {
 std::string Connection::CodeText(int32_t code) const {
   std::string name = option_.protocol == kMqtt5 ? MqttWrapper::GetConnectReasonCodeInStr(code)
                                                 : MqttWrapper::GetConnectReturnCodeInStr(code);
+  if (name == "UNKNOWN") name = "code";
   std::transform(name.begin(), name.end(), name.begin(),
                  [](unsigned char c) { return c == '_' ? ' ' : static_cast<char>(std::tolower(c)); });
   char number[16] = {};
@@ -134,6 +135,16 @@ std::string Connection::LossText() const {
     default:
       return "network or protocol error (--debug tells more)";
   }
+}
+
+void Connection::RecoverFrom(const std::string& trouble) {
+  if (LostBehind()) {
+    Recover();
+    return;
+  }
+  if (!retry_.enabled()) throw Failure(kFailed, trouble);
+  Say(trouble + "; connecting again");
+  Open();
 }
 
 void Connection::Recover() {

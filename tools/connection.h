@@ -34,6 +34,8 @@ class Connection {
   bool LostBehind();
   /// After a loss: connects again, or throws Failure when no retry is allowed.
   void Recover();
+  /// After a request that failed: the same, with `trouble` where the connection is not known to be lost.
+  void RecoverFrom(const std::string& trouble);
 
   MqttWrapper& client() { return client_; }
   [[nodiscard]] const MqttWrapper::ConnectAck& ack() const { return ack_; }

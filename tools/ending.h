@@ -22,7 +22,7 @@ enum ExitCode : int {
   kNoConnection = 2,  // not reachable, not trusted, or refused by the broker
   kFailed = 3,        // a message, subscription or ping
   kLost = 4,          // the connection ended by itself
-  kTimedOut = 5,      // -W passed before -C messages came
+  kTimedOut = 5,      // -W passed before a connection, or -C messages, came
   kOutput = 6,        // standard output could not be written
   kSignal = 128,      // plus the signal's number
 };

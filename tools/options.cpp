@@ -32,7 +32,7 @@ constexpr char kFooter[] =
     "  2  no connection: not reachable, not trusted, or refused\n"
     "  3  a message, subscription or ping failed\n"
     "  4  the connection was lost\n"
-    "  5  -W passed before all messages of -C came\n"
+    "  5  -W passed before a connection, or all messages of -C, came\n"
     "  6  standard output could not be written\n"
     "  128+N  ended in order by signal N: 130 for Ctrl-C, 143 for SIGTERM, 129 for SIGHUP\n";
 
@@ -66,6 +66,13 @@ CLI::Option* Text(CLI::App& app, const std::string& names, std::string& value, c
   return app.add_option(names, value, help)->type_name(type);
 }
 
+// Not empty: an unset variable of a script must not turn TLS, or a password, off.
+CLI::Option* Name(CLI::App& app, const std::string& names, std::string& value, const char* type,
+                  const std::string& help) {
+  const auto filled = [](const std::string& given) { return given.empty() ? "must not be empty" : ""; };
+  return Text(app, names, value, type, help)->check(filled);
+}
+
 CLI::Option* Texts(CLI::App& app, const std::string& names, std::vector<std::string>& values,
                    const char* type, const std::string& help) {
   return app.add_option(names, values, help)->allow_extra_args(false)->type_name(type);
@@ -73,13 +80,19 @@ CLI::Option* Texts(CLI::App& app, const std::string& names, std::vector<std::str
 
 CLI::Option* Number(CLI::App& app, const std::string& names, int& value, int least, int most,
                     const std::string& help) {
-  return app.add_option(names, value, help)->check(CLI::Range(least, most).description(""))->type_name("N");
+  const auto decimal = [](const std::string& given) {
+    return given.size() > 1 && given[0] == '0' ? "begins with a zero: " + given : "";
+  };
+  return app.add_option(names, value, help)
+      ->check(decimal)
+      ->check(CLI::Range(least, most).description(""))
+      ->type_name("N");
 }
 
 void AddWill(CLI::App& app, Options& options, Raw& raw) {
   auto& will = options.connect.lwt.msg;
   app.option_defaults()->group("Will");
-  auto* const topic = Text(app, "--will-topic", will.topic, "TOPIC", "the broker publishes a will there");
+  auto* const topic = Name(app, "--will-topic", will.topic, "TOPIC", "the broker publishes a will there");
   Text(app, "--will-payload", will.payload, "TEXT", "payload of the will")->needs(topic);
   Number(app, "--will-qos", raw.will_qos, 0, 2, "QoS of the will: 0, 1 or 2 (0)")->needs(topic);
   app.add_flag("--will-retain", will.retain, "the broker retains the will")->needs(topic);
@@ -89,12 +102,12 @@ void AddTls(CLI::App& app, Options& options, Raw& raw) {
   auto& connect = options.connect;
   app.option_defaults()->group("TLS");
   app.add_flag("--tls", raw.tls, "connect over TLS; the system's trust store decides");
-  Text(app, "--cafile", connect.ca_file, "FILE", "connect over TLS and trust this CA file alone");
-  auto* const cert = Text(app, "--cert", connect.cert, "FILE", "client certificate (PEM), over TLS");
-  auto* const key = Text(app, "--key", connect.key, "FILE", "its private key (PEM, not encrypted)");
+  Name(app, "--cafile", connect.ca_file, "FILE", "connect over TLS and trust this CA file alone");
+  auto* const cert = Name(app, "--cert", connect.cert, "FILE", "client certificate (PEM), over TLS");
+  auto* const key = Name(app, "--key", connect.key, "FILE", "its private key (PEM, not encrypted)");
   cert->needs(key);
   key->needs(cert);
-  Text(app, "--ciphers", raw.ciphers, "NAMES", "allowed TLS ciphers, separated by colons");
+  Name(app, "--ciphers", raw.ciphers, "NAMES", "allowed TLS ciphers, separated by colons");
 }
 
 void AddConnection(CLI::App& app, Options& options, Raw& raw) {
@@ -102,13 +115,13 @@ void AddConnection(CLI::App& app, Options& options, Raw& raw) {
   app.option_defaults()->group("Connection");
   connect.client_id.clear();
   connect.host = "localhost";
-  Text(app, "-h,--host", connect.host, "HOST", "broker: name or address (localhost)");
+  Name(app, "-h,--host", connect.host, "HOST", "broker: name or address (localhost)");
   Number(app, "-p,--port", connect.port, 1, 65'535, "its port (1883, with TLS 8883)");
-  Text(app, "-i,--id", connect.client_id, "ID", "client identifier (zebmqtt- and a random number)");
-  Text(app, "-u,--username", connect.user_name, "NAME", "user name");
+  Name(app, "-i,--id", connect.client_id, "ID", "client identifier (zebmqtt- and a random number)");
+  Name(app, "-u,--username", connect.user_name, "NAME", "user name");
   auto* const password = Text(app, "-P,--password", connect.password, "TEXT",
                               "password, for all to see: better in ZEBMQTT_PASSWORD or in");
-  Text(app, "--password-file", raw.password_file, "FILE", "password; one newline at the end is left out")
+  Name(app, "--password-file", raw.password_file, "FILE", "password; one newline at the end is left out")
       ->excludes(password);
   Number(app, "-k,--keepalive", connect.keep_alive, 0, 65'535,
          "seconds without traffic until a ping, 0 for none (60)");
@@ -118,7 +131,7 @@ void AddConnection(CLI::App& app, Options& options, Raw& raw) {
       ->check(CLI::IsMember({"311", "5"}).description(""));
   Texts(app, "-D,--user-property", raw.user_properties, "NAME=VALUE",
         "user property of CONNECT and SUBSCRIBE; any number; needs -V 5");
-  Text(app, "--iface", connect.iface_name, "NAME", "network interface to leave through");
+  Name(app, "--iface", connect.iface_name, "NAME", "network interface to leave through");
   Number(app, "--timeout", connect.timeout, 1, 2'147, "seconds for a connect or an answer (10)");
   Number(app, "--retry", options.retry.count, 1, kMaxInt, "connect again up to so many times in a row");
   Number(app, "--retry-time", options.retry.seconds, 1, kYear, "connect again for up to so many seconds");
@@ -151,7 +164,10 @@ void AddSubscribe(CLI::App& app, Options& options, Raw& raw) {
 void AddPing(CLI::App& app, Options& options) {
   Number(app, "-C,--count", options.count, 1, kMaxInt, "end after so many pings");
   app.add_option("--interval", options.interval_s, "seconds from ping to ping, 0.01 to 3600 (1)")
-      ->check(CLI::Range(0.01, 3'600.0).description(""))
+      ->check([](const std::string& given) {
+        const double seconds = std::strtod(given.c_str(), nullptr);  // a range would let "nan" pass
+        return seconds >= 0.01 && seconds <= 3'600 ? "" : "is not between 0.01 and 3600: " + given;
+      })
       ->type_name("N");
 }
 
@@ -196,6 +212,9 @@ void CheckUserProperties(Options& options, const Raw& raw) {
 
 void CheckConnection(Options& options, const Raw& raw) {
   auto& connect = options.connect;
+  if (connect.host.find('/') != std::string::npos)
+    Refuse("-h takes a name or an address, -p the port; TLS comes with --tls or --cafile, not " +
+           connect.host);
   if (raw.keep_session && connect.client_id.empty())
     Refuse("-c needs -i: the broker keeps the session under the client identifier");
   if (connect.client_id.size() > 128) Refuse("-i: longer than 128 bytes");

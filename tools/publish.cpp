@@ -1,5 +1,6 @@
 // pub: one message, or every line of standard input.
 #include <fcntl.h>
+#include <poll.h>
 #include <unistd.h>
 
 #include <array>
@@ -20,6 +21,12 @@ constexpr size_t kMaxPayload = 100'000;  // bytes that the library sends
                 what + " is larger than the " + std::to_string(kMaxPayload) + " bytes that fit a message");
 }
 
+// Somebody else has made the descriptor non-blocking.
+bool AwaitInput(int fd) {
+  pollfd input{fd, POLLIN, 0};
+  return ::poll(&input, 1, -1) >= 0 || errno == EINTR;
+}
+
 /// What comes in on a descriptor, by lines or whole.
 class Input {
  public:
@@ -30,7 +37,7 @@ class Input {
     std::array<char, 16'384> block{};
     ssize_t got = 0;
     do got = ::read(fd_, block.data(), block.size());
-    while (got < 0 && errno == EINTR);
+    while (got < 0 && (errno == EINTR || (errno == EAGAIN && AwaitInput(fd_))));
     if (got < 0) throw Failure(kUsage, name_ + ": " + std::strerror(errno));
     buffer_.append(block.data(), static_cast<size_t>(got));
     return got > 0;
@@ -73,17 +80,17 @@ std::string FileContent(const std::string& path) {
   return content;
 }
 
-// Sends the message, again after a connection that was lost and could be made anew.
+// Sends the message, with --retry again over a new connection.
 void Send(Connection& connection, MqttWrapper::PublishOption& message, int timeout) {
   for (;;) {
     const Result result = connection.client().Publish(message);
     if (result == kSuccess) return;
     if (result == kInvalidArgument)
       throw Failure(kFailed, "the message does not fit a packet: topic and payload are too large together");
-    if (!connection.LostBehind())
-      throw Failure(kFailed, "the broker has not acknowledged the message within " + std::to_string(timeout) +
-                                 " s; it may have arrived all the same");
-    connection.Recover();
+    connection.RecoverFrom(result == kSendFailed
+                               ? "the network has not taken the message"
+                               : "the broker has not acknowledged the message within " +
+                                     std::to_string(timeout) + " s; it may have arrived all the same");
   }
 }
 

@@ -6,19 +6,20 @@
 namespace zeb::tools {
 namespace {
 
-/// Prints messages until the ending begins; begins it itself after the last one. Receive thread only.
+/// Prints messages up to the last one that is wanted, which ends the run. Receive thread only.
 class Printer {
  public:
   Printer(const Options& options, Ending& ending)
       : format_(options.format), newline_(options.newline), count_(options.count), ending_(ending) {}
 
   void Print(MqttWrapper::PublishMessage& message) {
-    if (ending_.begun()) return;
+    if (over_) return;  // a signal alone does not hold back what has been acknowledged
     timespec now{};
     ::clock_gettime(CLOCK_REALTIME, &now);
     std::string text = Render(format_, message, now);
     if (newline_) text += '\n';
-    if (!WriteOutput(text, ending_) || ++printed_ != count_) return;
+    over_ = !WriteOutput(text, ending_) || ++printed_ == count_;
+    if (printed_ != count_ || count_ == 0) return;
     ending_.Begin(kDone);
     (void)message.wrapper->StopClient(nullptr);  // here, so that no further message is acknowledged
   }
@@ -29,10 +30,12 @@ class Printer {
   const int64_t count_;  // 0: no end
   Ending& ending_;
   int64_t printed_ = 0;
+  bool over_ = false;
 };
 
-// One request a filter: the library tells the broker's verdict on the first of a request.
-void SubscribeTo(Connection& connection, const std::string& filter, const Options& options) {
+// One request a filter: the library tells the broker's verdict on the first of a request. False: not
+// answered.
+bool SubscribeTo(Connection& connection, const std::string& filter, const Options& options) {
   MqttWrapper::SubscribeOption request;
   request.topics[filter] = static_cast<uint8_t>(options.qos);
   request.user_property = options.connect.user_property;
@@ -40,13 +43,24 @@ void SubscribeTo(Connection& connection, const std::string& filter, const Option
   const Result result = connection.client().Subscribe(request, &ack);
   if (result == kSuccess && ack.reason_code <= 2) {
     if (ack.reason_code < options.qos) Say(filter + ": granted at QoS " + std::to_string(ack.reason_code));
-    return;
+    return true;
   }
   if (result == kSuccess)
     throw Failure(kFailed,
                   filter + ": the broker refuses the subscription: " + connection.CodeText(ack.reason_code));
-  if (!connection.LostBehind())
-    throw Failure(kFailed, filter + ": the broker does not answer the subscription");
+  return false;
+}
+
+// Over a new connection all of them are due.
+void SubscribeToAll(Connection& connection, const Options& options) {
+  for (size_t i = 0; i < options.filters.size();) {
+    if (SubscribeTo(connection, options.filters[i], options)) {
+      ++i;
+      continue;
+    }
+    connection.RecoverFrom(options.filters[i] + ": the broker does not answer the subscription");
+    i = 0;
+  }
 }
 
 }  // namespace
@@ -65,7 +79,7 @@ int Subscribe(const Options& options) {
   try {
     connection.Open();
     for (;; connection.Recover()) {
-      for (const std::string& filter : options.filters) SubscribeTo(connection, filter, options);
+      SubscribeToAll(connection, options);
       subscribed = true;
       (void)connection.Await(-1, std::nullopt);  // the run's end is thrown, so that this is a loss
     }

@@ -38,6 +38,9 @@ const VersionRange* FindVersions(SslWrapper::Method method) {
 // An encrypted key must fail: a prompt would block a program that has no terminal.
 int RefusePassword(char*, int, int, void*) { return -1; }
 
+// What is refused without a reason of OpenSSL's: like all its codes none of Result's values.
+constexpr int32_t k_unusable = ERR_PACK(ERR_LIB_SSL, 0, ERR_R_SSL_LIB);
+
 // Closes the context for good. Logs what failed with the root cause, which OpenSSL queues first, and returns
 // the outermost error as the caller's result.
 int32_t Fail(SslWrapper::Context* context, const char* what, const std::string& subject) {
@@ -46,7 +49,7 @@ int32_t Fail(SslWrapper::Context* context, const char* what, const std::string& 
   const auto code = static_cast<int32_t>(::ERR_peek_last_error());
   ::ERR_clear_error();
   ZEB_LOG(LOG_ERR, "%s %s refused: %s", what, subject.c_str(), reason.c_str());
-  return code != 0 ? code : 1;
+  return code != 0 ? code : k_unusable;
 }
 
 bool KnownType(SslWrapper::FileType type) {
@@ -129,7 +132,7 @@ SslWrapper::SslWrapper(bool server, Method method) : context_(std::make_unique<C
 SslWrapper::~SslWrapper() = default;
 
 int32_t SslWrapper::SetCipherLists(const std::vector<std::string>& cipher_lists) {
-  if (!context_->usable) return 1;
+  if (!context_->usable) return k_unusable;
   std::string tls1_2;
   std::string tls1_3;
   SplitCipherLists(cipher_lists, &tls1_2, &tls1_3);
@@ -141,7 +144,7 @@ int32_t SslWrapper::SetCipherLists(const std::vector<std::string>& cipher_lists)
 }
 
 int32_t SslWrapper::SetRootCaFile(const std::string& path, FileType type) {
-  if (!context_->usable) return 1;
+  if (!context_->usable) return k_unusable;
   ::ERR_clear_error();
   StorePtr store(::X509_STORE_new());
   if (!KnownType(type) || store == nullptr || !LoadRoots(store.get(), path, type))
@@ -155,7 +158,7 @@ int32_t SslWrapper::SetRootCaFile(const std::string& path, FileType type) {
 
 int32_t SslWrapper::SetCertAndKeyFile(const std::string& cert, const std::string& key, FileType cert_type,
                                       FileType key_type) {
-  if (!context_->usable) return 1;
+  if (!context_->usable) return k_unusable;
   ::ERR_clear_error();
   SSL_CTX* const ctx = context_->ctx.get();
   if (!KnownType(cert_type) || !LoadCertificate(ctx, cert, cert_type))

@@ -40,22 +40,15 @@ bool Fails(const char* call) {
   return now->lasting ? at >= now->nth : at == now->nth;
 }
 
-__attribute__((noinline)) void* Allocate(size_t size) {
+}  // namespace
+
+// The library's other forms end in these.
+__attribute__((noinline)) void* operator new(size_t size) {
   if (Fails("new")) throw std::bad_alloc();
   return std::malloc(size);
 }
-
-}  // namespace
-
-void* operator new(size_t size) { return Allocate(size); }
-void* operator new[](size_t size) { return Allocate(size); }
-void* operator new[](size_t size, const std::nothrow_t&) noexcept {
-  return Fails("new") ? nullptr : std::malloc(size);
-}
 __attribute__((noinline)) void operator delete(void* memory) noexcept { std::free(memory); }
-__attribute__((noinline)) void operator delete[](void* memory) noexcept { std::free(memory); }
 __attribute__((noinline)) void operator delete(void* memory, size_t) noexcept { std::free(memory); }
-__attribute__((noinline)) void operator delete[](void* memory, size_t) noexcept { std::free(memory); }
 
 #define ZEB_WRAP(name, parameters, arguments)                        \
   decltype(::name) __real_##name;                                    \

@@ -1,63 +1,52 @@
-// docs/wire_format.md, which the build hands over as text: what it shows is what is sent and taken.
-#include "wire_format_page.h"
-
-#include <sstream>
-
-#include "tests/session/session.h"
+// docs/wire_format.md: what it shows is what is sent and taken.
+#include "tests/session/conversation.h"
 
 namespace zeb::test {
 namespace {
 
 TEST(WireFormatPage, ShowsWhatIsSentAndTaken) {
-  std::map<std::string, std::string> page;  // bytes by "<version> <sent or taken> <packet>"
-  std::istringstream text(k_wire_format_page);
-  std::string name;
-  for (std::string line; std::getline(text, line);) {
-    if (line.rfind("```", 0) == 0) name = line.rfind("```hex ", 0) == 0 ? line.substr(7) : "";
-    if (!name.empty() && line[0] != '`') page[name] += Bytes(line.substr(0, line.find('|')));
-  }
-  ASSERT_EQ(page.size(), 39U);
-  for (const int32_t protocol : {k_mqtt311, k_mqtt5}) {
-    const std::string version = protocol == k_mqtt5 ? "5 " : "3 ";
-    const auto taken = [&](const std::string& type) { return page.at(version + "taken " + type); };
-    const auto answer = [&](const char* type) { return Reply(Hex(taken(type))); };
+  ASSERT_EQ(Page().size(), 51U);
+  for (const std::string name : k_conversations) {
+    SCOPED_TRACE(name);
     const LogCapture log;
-    Session session(protocol, {{MsgType::CONNECT, answer("CONNACK")},
-                               {MsgType::SUBSCRIBE, answer("SUBACK")},
-                               {MsgType::PUBREL, answer("PUBCOMP")},
-                               {MsgType::UNSUBSCRIBE, answer("UNSUBACK")},
-                               {MsgType::PINGREQ, answer("PINGRESP")},
-                               {MsgType::PUBLISH, [&](Connection& connection, const Packet& packet) {
-                                  connection.Send(taken(packet.qos() == 1 ? "PUBACK" : "PUBREC"));
-                                }}});
-    session.option.client_id = "m7";
-    session.option.keep_alive = 60;
-    ASSERT_EQ(session.Start(), kSuccess);
-    MqttWrapper::SubscribeOption topics{{{"t/1", 1}}, 0, {}};
-    EXPECT_EQ(session.client.Subscribe(topics, nullptr), kSuccess);
-    auto message = Message("t/1", "20.5", 1);
-    EXPECT_EQ(session.client.Publish(message), kSuccess);
-    message.qos = 2;
-    EXPECT_EQ(session.client.Publish(message), kSuccess);
-    MqttWrapper::UnsubscribeOption filters{{"t/1"}, {}};
-    EXPECT_EQ(session.client.Unsubscribe(filters, nullptr), kSuccess);
-    const std::string inbound = taken("PUBLISH");
-    session.broker.connection().Send(inbound + '\x34' + inbound.substr(1) + taken("PUBREL"));
+    Conversation session(name);
+    EXPECT_EQ(session.Hold(), std::vector<Result>(7, kSuccess));
     EXPECT_EQ(session.payloads.Await(2), (std::vector<std::string>{"20.5", "20.5"}));
-    EXPECT_TRUE(session.Healthy());
-    EXPECT_FALSE(log.Contains("Target pointer"));  // every field was understood
-    MqttWrapper::DisconnectOption leave{4, -1, "", "", {}};
-    EXPECT_EQ(session.client.StopClient(&leave), kSuccess);
-    for (int type = 1; type < 15; ++type) {
-      const auto sent = page.find(version + "sent " + MqttWrapper::GetMsgTypeInStr(type));
-      if (sent == page.end()) continue;
-      EXPECT_EQ(session.broker.Await(static_cast<MsgType>(type)).hex(), Hex(sent->second));
+    EXPECT_FALSE(log.Contains("Target pointer") || log.Contains("Invalid"));  // every field was understood
+    EXPECT_EQ(session.option.maximum_packet_size, name[0] == '5' ? 131'072 : -1);
+    EXPECT_LE(session.topics.topics["t/1"] + session.message.qos, 4);
+    EXPECT_EQ(session.client.StopClient(&session.leave), kSuccess);
+    ASSERT_EQ(session.broker.Await(MsgType::DISCONNECT).type(), MsgType::DISCONNECT);
+    for (int type = 1; type < 16; ++type) {
+      std::string sent;
+      for (const Packet& packet : session.broker.Received(static_cast<MsgType>(type))) sent += packet.raw;
+      EXPECT_EQ(Hex(sent), Hex(OnPage(name, " sent " + MqttWrapper::GetMsgTypeInStr(type))));
     }
   }
   StartedSession session(k_mqtt5);
-  session.broker.connection().Send(page["5 taken DISCONNECT"]);
+  session.broker.connection().Send(OnPage("5", " taken DISCONNECT"));
   EXPECT_EQ(session.ends.Await(1), std::vector<int>{2});
   EXPECT_EQ(session.client.GetStatusInfo().reason_code, 0x8E);
+}
+
+TEST(WireFormatPage, NamesTheCodesThatExistAndNoOther) {
+  std::map<std::string, std::string (*)(int)> tables = {
+      {"```codes CONNACK 3", MqttWrapper::GetConnectReturnCodeInStr},
+      {"```codes CONNACK 5", MqttWrapper::GetConnectReasonCodeInStr},
+      {"```codes packets", MqttWrapper::GetMsgTypeInStr}};
+  std::istringstream text(k_wire_format_page);
+  for (std::string line; std::getline(text, line);) {
+    if (tables.count(line) == 0) continue;
+    const auto name_of = tables.extract(line).mapped();
+    for (int code = -1; code <= 256; ++code) {
+      const std::string name = name_of(code);
+      if (name == "UNKNOWN") continue;
+      std::getline(text, line);
+      EXPECT_EQ(line, Hex({static_cast<char>(code)}) + " " + name);
+    }
+    EXPECT_TRUE(std::getline(text, line) && line == "```") << line;
+  }
+  EXPECT_EQ(tables.size(), 0U);
 }
 
 }  // namespace

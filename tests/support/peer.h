@@ -12,9 +12,6 @@
 namespace zeb::mqtt {
 
 struct SelfMqttImplPeer {
-  static void SetOption(SelfMqttImpl& client, const MqttWrapper::ConnectOption& option) {
-    client.SetOptions(std::make_shared<const MqttWrapper::ConnectOption>(option));
-  }
   static std::string Tag(const SelfMqttImpl& client) { return client.Tag(); }
   static void SetTag(SelfMqttImpl& client, const std::string& tag) { client.SetTag(tag); }
   static void SetMessageId(SelfMqttImpl& client, int32_t last) { client.message_id_ = last; }
@@ -61,7 +58,7 @@ struct SelfMqttImplPeer {
     MqttWrapper::ConnectOption option;
     option.protocol = protocol;
     option.message_cb = std::move(message_cb);
-    SetOption(client, option);
+    client.SetOptions(std::make_shared<const MqttWrapper::ConnectOption>(option));
     client.timeout_sec_ = 1;
     client.ReplaceConnection(socket, nullptr);
     client.connect_state_ = SelfMqttImpl::ConnectState::kSent;

@@ -69,22 +69,18 @@ bool Connection::Pause(int ms) {
 }
 
 void ScriptedBroker::Answer(Connection& connection, const Packet& packet) {
-  // Before and behind the packet identifier, in MQTT 3.1.1 and 5.0.
-  static const std::map<MsgType, std::array<const char*, 4>> answers = {
-      {MsgType::CONNECT, {"20020000", "", "2003000000", ""}},
-      {MsgType::PUBREC, {"6202", "", "6202", ""}},
-      {MsgType::PUBREL, {"7002", "", "7002", ""}},
-      {MsgType::SUBSCRIBE, {"9003", "01", "9004", "0001"}},
-      {MsgType::UNSUBSCRIBE, {"b002", "", "b004", "0011"}},
-      {MsgType::PINGREQ, {"d000", "", "d000", ""}},
+  // In MQTT 3.1.1 and 5.0, without the packet identifier, which comes third. PUBLISH: to QoS 1 and 2.
+  static const std::map<MsgType, std::array<const char*, 2>> answers = {
+      {MsgType::CONNECT, {"20020000", "2003000000"}}, {MsgType::PUBLISH, {"4002", "5002"}},
+      {MsgType::PUBREC, {"6202", "6202"}},            {MsgType::PUBREL, {"7002", "7002"}},
+      {MsgType::SUBSCRIBE, {"900301", "90040001"}},   {MsgType::UNSUBSCRIBE, {"b002", "b0040011"}},
+      {MsgType::PINGREQ, {"d000", "d000"}},
   };
+  const bool publish = packet.type() == MsgType::PUBLISH;
   if (packet.type() == MsgType::DISCONNECT) return connection.Close();
-  if (packet.qos() != 0 && packet.type() == MsgType::PUBLISH)
-    return connection.Send(Bytes(packet.qos() == 1 ? "4002" : "5002") + packet.id());
-  const auto own = answers.find(packet.type());
-  if (own == answers.end()) return;
-  const size_t version = connection.mqtt5_ ? 2 : 0;
-  connection.Send(Bytes(own->second[version]) + packet.id() + Bytes(own->second[version + 1]));
+  if (answers.count(packet.type()) == 0 || (publish && packet.qos() == 0)) return;
+  const bool second = publish ? packet.qos() == 2 : connection.mqtt5_;
+  connection.Send(Bytes(answers.at(packet.type())[second ? 1 : 0]).insert(2, packet.id()));
 }
 
 ScriptedBroker::ScriptedBroker(std::map<MsgType, Handler> handlers, int public_port)

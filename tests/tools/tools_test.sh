@@ -24,8 +24,8 @@ await() { # await COMMAND...: until it succeeds, for at most 30 s
   fault "never came: $*"
 }
 logged() { await grep -q -- "$1" "$tmp/log"; } # by the broker
-says() { grep -qE -- "$1" "$tmp/err" || fault "standard error lacks: $1"; }
-prints() { grep -qE -- "$1" "$tmp/out" || fault "standard output lacks: $1"; }
+says() { grep -qE -- "$1" "$tmp/${2-err}" || fault "${2-err} lacks: $1"; }
+prints() { says "$1" out; }
 equals() { # equals TEXT: standard output, as printf makes the text
   cmp -s "$tmp/out" <(printf -- "$1") || fault "standard output is not '$1': $(head -c 200 "$tmp/out" | od -c)"
 }

@@ -71,9 +71,12 @@ bool Connection::Pause(int ms) {
 void ScriptedBroker::Answer(Connection& connection, const Packet& packet) {
   // In MQTT 3.1.1 and 5.0, without the packet identifier, which comes third. PUBLISH: to QoS 1 and 2.
   static const std::map<MsgType, std::array<const char*, 2>> answers = {
-      {MsgType::CONNECT, {"20020000", "2003000000"}}, {MsgType::PUBLISH, {"4002", "5002"}},
-      {MsgType::PUBREC, {"6202", "6202"}},            {MsgType::PUBREL, {"7002", "7002"}},
-      {MsgType::SUBSCRIBE, {"900301", "90040001"}},   {MsgType::UNSUBSCRIBE, {"b002", "b0040011"}},
+      {MsgType::CONNECT, {"20020000", "2003000000"}},
+      {MsgType::PUBLISH, {"4002", "5002"}},
+      {MsgType::PUBREC, {"6202", "6202"}},
+      {MsgType::PUBREL, {"7002", "7002"}},
+      {MsgType::SUBSCRIBE, {"900301", "90040001"}},
+      {MsgType::UNSUBSCRIBE, {"b002", "b0040011"}},
       {MsgType::PINGREQ, {"d000", "d000"}},
   };
   const bool publish = packet.type() == MsgType::PUBLISH;

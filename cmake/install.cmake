@@ -44,13 +44,12 @@ file(RELATIVE_PATH zeb_prefix "/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/")
 configure_file(cmake/zeb_mqtt.pc.in zeb_mqtt.pc @ONLY)
 install(FILES "${PROJECT_BINARY_DIR}/zeb_mqtt.pc" DESTINATION "${CMAKE_INSTALL_LIBDIR}/pkgconfig" COMPONENT dev)
 
-# zeb_install_man PAGE SECTION COMPONENT: compressed, as Debian wants them.
+# zeb_install_man PAGE SECTION COMPONENT: with the version filled in, and compressed, as Debian wants them.
 function(zeb_install_man page section component)
-  set(source "${PROJECT_SOURCE_DIR}/docs/man/${page}.${section}")
-  set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS "${source}")
-  set(compressed "${PROJECT_BINARY_DIR}/${page}.${section}.gz")
-  file(ARCHIVE_CREATE OUTPUT "${compressed}" PATHS "${source}" FORMAT raw COMPRESSION GZip COMPRESSION_LEVEL 9)
-  install(FILES "${compressed}" DESTINATION "${CMAKE_INSTALL_MANDIR}/man${section}" COMPONENT ${component})
+  set(filled "${PROJECT_BINARY_DIR}/${page}.${section}")
+  configure_file("${PROJECT_SOURCE_DIR}/docs/man/${page}.${section}" "${filled}" @ONLY)
+  file(ARCHIVE_CREATE OUTPUT "${filled}.gz" PATHS "${filled}" FORMAT raw COMPRESSION GZip COMPRESSION_LEVEL 9)
+  install(FILES "${filled}.gz" DESTINATION "${CMAKE_INSTALL_MANDIR}/man${section}" COMPONENT ${component})
 endfunction()
 zeb_install_man(zeb_mqtt 3 dev)
 if(TARGET zebmqtt)

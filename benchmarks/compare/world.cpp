@@ -70,15 +70,13 @@ World::World(bool tls, int port) : foreign_(port != 0), near_port_(port) {
   }
   SSL_CTX* context = nullptr;
   if (tls) {
-    const test::Identity authority = test::MakeIdentity("authority", nullptr, nullptr);
-    const std::string names = std::string("IP:") + k_near + ",IP:" + k_far;
-    const test::Identity broker = test::MakeIdentity("broker", names.c_str(), &authority);
     files_ = std::make_unique<test::TempFiles>();
-    files_->AddIdentity("authority", authority);
-    ca_file_ = files_->Path("authority.pem");
+    files_->MakeIdentity("ca", "ca");
+    files_->MakeIdentity("broker", "ca", std::string("IP:") + k_near + ",IP:" + k_far);
+    ca_file_ = files_->Path("ca.pem");
     context = SSL_CTX_new(TLS_server_method());
-    SSL_CTX_use_certificate(context, broker.certificate.get());
-    SSL_CTX_use_PrivateKey(context, broker.key.get());
+    SSL_CTX_use_certificate_file(context, files_->Path("broker.pem").c_str(), SSL_FILETYPE_PEM);
+    SSL_CTX_use_PrivateKey_file(context, files_->Path("broker.key.pem").c_str(), SSL_FILETYPE_PEM);
     SSL_CTX_set_mode(context, SSL_MODE_ENABLE_PARTIAL_WRITE | SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER);
   }
   BuildDelayLine(context);

@@ -10,7 +10,7 @@
 
 #include "benchmarks/compare/broker.h"
 #include "benchmarks/compare/peer.h"
-#include "tests/platform/certificates.h"
+#include "tests/support/temp_files.h"
 
 namespace zeb::bench {
 

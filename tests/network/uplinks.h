@@ -6,10 +6,9 @@
 #include <gtest/gtest.h>
 #include <sched.h>
 
-#include <cstdlib>
 #include <future>
-#include <string>
 
+#include "tests/support/temp_files.h"
 #include "util/scoped_fd.h"
 
 namespace zeb::test {
@@ -17,9 +16,6 @@ namespace zeb::test {
 /// Set by the program's main once it runs in a network and mount namespace of its own.
 constexpr char k_isolated[] = "ZEB_TEST_ISOLATED";
 
-inline void Shell(const std::string& commands) {
-  ASSERT_EQ(std::system(("set -e; " + commands).c_str()), 0) << commands;
-}
 inline void Ip(const std::string& command) { Shell("ip " + command); }
 
 /// Runs `make` on a thread inside "peer0" or "peer1": the sockets and threads that it creates stay there.

@@ -8,9 +8,9 @@
 #include <csignal>
 #include <functional>
 
-#include "tests/platform/certificates.h"
 #include "tests/support/loopback.h"
 #include "tests/support/system.h"
+#include "tests/support/temp_files.h"
 #include "util/network_manager.h"
 
 namespace zeb::test {
@@ -174,9 +174,9 @@ void Trickle(const Listener& front, const std::string& path) {
 class Tls : public testing::Test {
  protected:
   Tls() {
-    files.AddIdentity("ca", ca);
-    files.AddIdentity("broker", MakeIdentity("broker", "DNS:broker.test,IP:127.0.0.1", &ca));
-    files.AddIdentity("client", client);
+    files.MakeIdentity("ca", "ca");
+    files.MakeIdentity("broker", "ca", "DNS:broker.test,IP:127.0.0.1");
+    files.MakeIdentity("client", "ca", "DNS:client");
   }
 
   /// Files, declared as what their names end in, and what may be negotiated.
@@ -200,17 +200,15 @@ class Tls : public testing::Test {
     EXPECT_NE(log.Lines()[0].text.find(reason), std::string::npos) << log.Lines()[0].text;
   }
 
-  TempFiles files;
-  Identity ca = MakeIdentity("Test CA", nullptr, nullptr);
-  Identity client = MakeIdentity("client", "DNS:client", &ca);
+  const TempFiles files;
 };
 
 TEST_F(Tls, ThePeerIsVerifiedAndARefusalSaysWhyInOneLine) {
-  const Identity middle = MakeIdentity("Middle CA", nullptr, &ca);
-  files.AddIdentity("chained", MakeIdentity("broker", "DNS:broker.test", &middle), &middle);
-  files.AddIdentity("expired", MakeIdentity("broker", "DNS:broker.test", &ca, -60));
-  files.AddIdentity("lone", MakeIdentity("broker", "DNS:broker.test", nullptr));
-  files.AddIdentity("bundle", client, &ca);
+  files.MakeIdentity("middle");
+  files.MakeIdentity("chained", "middle", "DNS:broker.test");
+  files.MakeIdentity("expired", "ca", "DNS:broker.test", -1);
+  files.MakeIdentity("lone", "lone", "DNS:broker.test");
+  files.Run("cat middle.pem >>chained.pem; cat client.pem ca.pem >bundle.pem");
   const Setup any, chained{"ca.pem", "chained.pem", "chained.key.pem"};
   const Setup rsa_only{any.ca, any.certificate, any.key, "ECDHE-RSA-AES128-GCM-SHA256"};
   const Setup newest{any.ca, any.certificate, any.key, any.ciphers, Method::kTls1_3};
@@ -254,7 +252,8 @@ TEST_F(Tls, ThePeerIsVerifiedAndARefusalSaysWhyInOneLine) {
 }
 
 TEST_F(Tls, ARefusedSettingMakesNoConnectionAndSaysSoInOneLine) {
-  files.AddIdentity("locked", client, nullptr, EVP_aes_128_cbc());
+  files.Run(R"(for type in pem der; do
+  openssl pkcs8 -topk8 -passout pass:word -in client.key.pem -outform $type -out locked.key.$type; done)");
   std::vector<Setup> cases(2);
   cases[0].ca = "client.key.pem";  // no certificate
   cases[1].method = Method::kTls1_1;

@@ -3,11 +3,38 @@
 #include <random>
 #include <shared_mutex>
 
-#include "tests/session/mosquitto.h"
+#include "tests/session/session.h"
+#include "tests/support/temp_files.h"
 #include "tests/support/watchdog.h"
 
 namespace zeb::test {
 namespace {
+
+/// A real broker over TLS, on a port of loopback that is free.
+struct TlsBroker {
+  TlsBroker() {
+    files.MakeIdentity("ca", "ca");
+    files.MakeIdentity("server", "ca", "IP:127.0.0.1");
+    std::string ports;  // free at this moment; another process may take them first
+    for (int i = 0; i < 5; ++i) ports += std::to_string(Listener().port) + " ";
+    files.Run("for port in " + ports + R"sh(; do
+  printf '%s\n' "listener $port 127.0.0.1" "user $(id -un)" 'certfile server.pem' 'keyfile server.key.pem' \
+    'allow_anonymous true' 'set_tcp_nodelay true' >conf
+  : >log
+  PATH=$PATH:/usr/sbin mosquitto -v -c conf >log 2>&1 & echo $! >pid
+  for look in $(seq 1000); do ! grep -qE ' running$|rror' log || break; sleep 0.01; done
+  ! grep -q ' running$' log || break
+done; ln -s $port port)sh");
+  }
+  ~TlsBroker() { files.Run("kill -KILL $(cat pid)"); }
+  void LeadHere(MqttWrapper::ConnectOption& option) const {
+    option.tls = true;
+    option.port = std::stoi(std::filesystem::read_symlink(files.Path("port")));
+    option.ca_file = files.Path("ca.pem");
+  }
+
+  const TempFiles files;
+};
 
 class Stress : public testing::Test {
  protected:
@@ -19,14 +46,14 @@ class Stress : public testing::Test {
   };
 
   /// Rounds of a second, each with clients of its own.
-  void Run(const Mosquitto* tls) {
+  void Run(const TlsBroker* tls) {
     const char* const seconds = std::getenv("ZEB_STRESS_SECONDS");
     for (auto left = static_cast<unsigned>(std::atoi(seconds != nullptr ? seconds : "5")); left > 0; --left)
       RunRound(tls, left);
     for (const auto* count : {&starts_, &restarts_, &stops_, &handshakes_}) EXPECT_GT(*count, 0);
   }
 
-  void RunRound(const Mosquitto* tls, unsigned seed) {
+  void RunRound(const TlsBroker* tls, unsigned seed) {
     const auto echo = [random = Random(seed)](Connection& client, const Packet& packet) mutable {
       ScriptedBroker::Answer(client, packet);
       client.Send(packet.raw);
@@ -99,7 +126,7 @@ class Stress : public testing::Test {
 TEST_F(Stress, EveryCallFromEveryThread) { Run(nullptr); }
 
 TEST_F(Stress, EveryCallFromEveryThreadOverTls) {
-  const Mosquitto broker(true);
+  const TlsBroker broker;
   Run(&broker);
 }
 

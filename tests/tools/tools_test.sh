@@ -63,8 +63,19 @@ start_broker() { # start_broker SETTING...: once more on the port that it had
 }
 stop_broker() { kill "$broker" && wait "$broker"; }
 
-test_messages() { # options of sub | options of pub | its standard input | what sub prints
-  start_broker && printf 'a\0\xFF\n' >"$tmp/file"
+certify() { # makes CAs and what one of them vouches for; the broker's settings
+  cd "$tmp" || return
+  make() { openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -subj "/CN=$1" -keyout "$1.key" \
+    -out "$1.pem" "${@:2}" 2>/dev/null; }
+  make ca && make other
+  for name in server client; do make $name -CA ca.pem -CAkey ca.key -addext subjectAltName=IP:127.0.0.1; done
+  tls=("cafile $tmp/ca.pem" "certfile $tmp/server.pem" "keyfile $tmp/server.key")
+}
+
+test_messages() { start_broker && exchange; }
+test_messages_over_tls() { certify && start_broker "${tls[@]}" && host+=(--cafile ca.pem) && exchange; }
+exchange() { # options of sub | options of pub | its standard input | what sub prints
+  printf 'a\0\xFF\n' >"$tmp/file"
   for version in 311 5; do
     while IFS='|' read -r sub pub input output; do
       eval "listen -V $version -t 't/#' $sub"
@@ -82,8 +93,10 @@ test_messages() { # options of sub | options of pub | its standard input | what 
 -C 1 -t other|-m ''||\n
 ROWS
   done
-  listen -t t -C 1 -N -F %l
-  head -c 100000 /dev/zero | pub -t t -s && ends 0 "$listener" && equals 100000
+  for qos in 0 1 2; do
+    listen -t t -q $qos -C 1 -N -F %l
+    head -c 100000 /dev/zero | pub -t t -q $qos -s && ends 0 "$listener" && equals 100000
+  done
   listen -t t -C 1 -F '%I %U'
   printf -v now '%(%s)T' && pub -t t -m x && ends 0 "$listener"
   prints "^$(date -d "@$now" +%Y-%m-%dT)[0-9:]{8}[+-][0-9]{4} ${now::8}[0-9]{2}\.[0-9]{6}$"
@@ -179,12 +192,7 @@ test_retry() {
 }
 
 test_tls() { # exit code | options
-  cd "$tmp" || return
-  make() { openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -subj "/CN=$1" -keyout "$1.key" \
-    -out "$1.pem" "${@:2}" 2>/dev/null; }
-  make ca && make other
-  for name in server client; do make $name -CA ca.pem -CAkey ca.key -addext subjectAltName=IP:127.0.0.1; done
-  start_broker "cafile $tmp/ca.pem" "certfile $tmp/server.pem" "keyfile $tmp/server.key" "require_certificate true"
+  certify && start_broker "${tls[@]}" "require_certificate true"
   while read -r code options; do eval "run $code zebmqtt status -p $port -V 5 $options"; done <<'ROWS'
 0 -h 127.0.0.1 --cafile ca.pem --cert client.pem --key client.key
 0 -h 127.0.0.1 --cafile ca.pem --cert client.pem --key client.key --ciphers TLS_AES_128_GCM_SHA256

@@ -1,14 +1,15 @@
-// What the fuzzers share: their input's reader and the check that ends a run, over the platform in memory.
+// What the fuzzers share: their input's reader and the check that ends a run, over a connection in memory.
 // One thread.
 #pragma once
 
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <deque>
 #include <string>
+#include <string_view>
 #include <vector>
 
-#include "tests/external/external_platform.h"
 #include "tests/support/peer.h"
 
 namespace zeb::fuzz {
@@ -47,7 +48,18 @@ struct Length {
   bool ends = false;
 };
 
-using external::wire;
+/// The newest connection, which is in memory.
+inline struct Wire {
+  std::vector<std::string> sent;                         // packets of the client
+  bool keeps = true;                                     // what is sent
+  std::function<void(std::string_view packet)> on_send;  // called within each send
+  bool broken = false;                                   // sends fail
+  std::string inbound;                                   // for the client
+  size_t received = 0;                                   // of it
+  std::deque<size_t> pieces;                             // sizes of the next reads; then all there is
+  ssize_t end = util::SocketClient::k_nothing_now;       // what a read returns behind the last byte
+} wire;
+
 /// A client after its CONNACK, on a new wire.
 std::unique_ptr<mqtt::SelfMqttImpl> NewClient(bool mqtt5,
                                               mqtt::SelfMqttImplPeer::MessageCallback callback = {});

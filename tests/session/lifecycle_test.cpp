@@ -7,6 +7,7 @@
 
 #include "tests/session/session.h"
 #include "util/network_manager.h"
+#include "util/psm_manager.h"
 
 namespace zeb::test {
 namespace {
@@ -183,7 +184,9 @@ TEST(Resources, StayOffTheStandardStreamsAndOutOfOtherPrograms) {
     return ::sigismember(&mask, SIGTERM) == 0 || ::sigismember(&mask, SIGUSR1) == 0;
   };
   Session session;
-  session.option.message_cb = [&](auto&) { EXPECT_FALSE(takes_signals()); };
+  session.option.message_cb = [&](auto&) {
+    EXPECT_TRUE(!takes_signals() && psm::PsmManager::HeldLocks() == 1);
+  };
   testing::internal::CaptureStderr();
   const int kept = ::fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 3);
   ::close(STDIN_FILENO);
@@ -195,6 +198,7 @@ TEST(Resources, StayOffTheStandardStreamsAndOutOfOtherPrograms) {
   for (const int fd : Descriptors())
     EXPECT_TRUE(before.count(fd) != 0 || (fd > 2 && (::fcntl(fd, F_GETFD) & FD_CLOEXEC) != 0)) << fd;
   EXPECT_EQ(session.Stop(), kSuccess);
+  EXPECT_EQ(psm::PsmManager::HeldLocks(), 0U);
   ::dup2(kept, STDIN_FILENO);
   ::close(kept);
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "");

@@ -50,11 +50,12 @@ __attribute__((noinline)) void* operator new(size_t size) {
 __attribute__((noinline)) void operator delete(void* memory) noexcept { std::free(memory); }
 __attribute__((noinline)) void operator delete(void* memory, size_t) noexcept { std::free(memory); }
 
-#define ZEB_WRAP(name, parameters, arguments)                        \
+#define ZEB_WRAP_TO(failed, name, parameters, arguments)             \
   decltype(::name) __real_##name;                                    \
   auto __wrap_##name parameters->decltype(__real_##name arguments) { \
-    return Fails(#name) ? -1 : __real_##name arguments;              \
+    return Fails(#name) ? failed : __real_##name arguments;          \
   }
+#define ZEB_WRAP(...) ZEB_WRAP_TO(-1, __VA_ARGS__)
 
 extern "C" {
 ZEB_WRAP(eventfd, (unsigned a, int b), (a, b))
@@ -69,10 +70,7 @@ ZEB_WRAP(recv, (int a, void* b, size_t c, int d), (a, b, c, d))
 ZEB_WRAP(socket, (int a, int b, int c), (a, b, c))
 ZEB_WRAP(setsockopt, (int a, int b, int c, const void* d, socklen_t e), (a, b, c, d, e))
 ZEB_WRAP(getifaddrs, (ifaddrs * *a), (a))
-decltype(::mmap) __real_mmap;
-void* __wrap_mmap(void* a, size_t b, int c, int d, int e, off_t f) noexcept {
-  return Fails("mmap") ? MAP_FAILED : __real_mmap(a, b, c, d, e, f);
-}
+ZEB_WRAP_TO(MAP_FAILED, mmap, (void* a, size_t b, int c, int d, int e, off_t f), (a, b, c, d, e, f))
 int pthread_create(pthread_t* a, const pthread_attr_t* b, void* (*c)(void*), void* d) noexcept {  // for all
   static const auto real = reinterpret_cast<decltype(&pthread_create)>(::dlsym(RTLD_NEXT, "pthread_create"));
   return Fails("pthread_create") ? errno : real(a, b, c, d);

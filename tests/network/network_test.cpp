@@ -89,7 +89,6 @@ TEST_F(Uplinks, OnlyTheLossOfTheLastAddressEndsTheSessionAndAPublishThatWaits) {
     EXPECT_EQ(session->client.GetStatusInfo().dis_reason, 2);
     ASSERT_EQ(publish.wait_for(k_deadline), std::future_status::ready);
     EXPECT_EQ(publish.get(), kFailure);
-    Destroy();
     Build();
   }
 }

@@ -41,13 +41,13 @@ class Uplinks : public testing::Test {
     if (std::getenv(k_isolated) == nullptr) GTEST_SKIP() << "no right to make network namespaces";
     Build();
   }
-  void TearDown() override {
-    if (std::getenv(k_isolated) != nullptr) Destroy();
-  }
-
+  /// Anew, whatever an earlier test has left.
   static void Build() {
     Shell(R"(ip link set lo up
 for n in 0 1; do
+  for old in "link del up$n" "netns del peer$n" "rule del table 10$n" "-6 rule del table 10$n"; do
+    ip $old 2>/dev/null || true
+  done
   ip netns add peer$n
   ip link add up$n type veth peer name net netns peer$n
   ip link set up$n addrgenmode none
@@ -71,14 +71,6 @@ for n in 0 1; do
   ip -6 rule add from fd00:$n::2 table 10$n
 done
 ip neigh add 10.0.0.99 lladdr 02:00:00:00:00:99 dev up0 nud permanent)");
-  }
-  static void Destroy() {
-    Shell(R"(for n in 0 1; do
-  ip link del up$n 2>/dev/null || true
-  ip netns del peer$n
-  ip rule del table 10$n
-  ip -6 rule del table 10$n
-done)");
   }
 };
 

@@ -161,24 +161,23 @@ TEST_F(Tls, ThePeerIsVerifiedAndARefusalSaysWhyInOneLine) {
 }
 
 TEST_F(Tls, ARefusedSettingMakesNoConnectionAndSaysSoInOneLine) {
-  files.Run(R"(for type in pem der; do
-  openssl pkcs8 -topk8 -passout pass:word -in client.key.pem -outform $type -out locked.key.$type; done)");
+  files.Run(R"(mkdir folder.pem folder.der  # which open, but cannot be read
+for name in ca client client.key; do
+  cp $name.pem $name-mistaken.der; cp $name.der $name-mistaken.pem
+  for type in pem der; do head -c 100 $name.$type >$name-cut.$type; done
+done
+for type in pem der; do
+  openssl pkcs8 -topk8 -passout pass:word -in client.key.pem -outform $type -out locked.key.$type
+done)");
   std::vector<Setup> cases(2);
   cases[0].ca = "client.key.pem";  // no certificate
   cases[1].method = Method::kTls1_1;
   for (const char* key : {"ca.key.pem", "locked.key.pem", "locked.key.der"}) cases.emplace_back().key = key;
   for (const char* name : {"NO-SUCH-CIPHER", "TLS_NO_SUCH_SUITE"}) cases.emplace_back().ciphers = name;
   for (const auto role : {&Setup::ca, &Setup::certificate, &Setup::key}) {
-    for (const std::string type : {".pem", ".der"}) {
-      const std::string name = fs::path(Setup().*role).stem();
-      const auto cut = name + "-cut" + type;
-      const auto mistaken = name + "-mistaken" + (type == ".pem" ? ".der" : ".pem");
-      for (const auto& copy : {cut, mistaken}) fs::copy_file(files.Path(name + type), files.Path(copy));
-      fs::resize_file(files.Path(cut), fs::file_size(files.Path(cut)) / 2);
-      fs::create_directory(files.Path("folder" + type));  // opens, but cannot be read
-      for (const auto& bad : {"missing" + type, "folder" + type, cut, mistaken})
-        cases.emplace_back().*role = bad;
-    }
+    const std::string name = fs::path(Setup().*role).stem();
+    for (const auto& bad : {std::string("missing"), std::string("folder"), name + "-cut", name + "-mistaken"})
+      for (const char* type : {".pem", ".der"}) cases.emplace_back().*role = bad + type;
   }
   const Listener listener;
   for (const Setup& c : cases) {

@@ -33,7 +33,8 @@ class SelfMqttImpl;
 ///
 /// Strings on the wire are at most 65,535 bytes, a packet behind its fixed header at most 131,072: a request
 /// beyond that is refused with `kInvalidArgument` before anything is sent (a start with `kFailure`). Errors
-/// are logged through syslog.
+/// are logged through syslog. A call that gets no memory throws std::bad_alloc, and nothing else is thrown;
+/// the client can be stopped and started again.
 class ZEB_API MqttWrapper {
  public:
   /// Control packet types (MQTT 5.0, 2.1.2); the values are those on the wire.

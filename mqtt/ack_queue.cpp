@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "util/boot_clock.h"
+#include "util/log.h"
 
 namespace zeb::mqtt {
 namespace {
@@ -53,11 +54,15 @@ void AckQueue::Enqueue(AckEvent event) {
   const uint16_t message_id = event.message_id;
   util::MutexLock lock(mutex_);
   if (event.records != nullptr && !TypeIsAwaited(type)) DropProperties(*event.records);
-  ack_event_l_.push_back({++last_number_, std::move(event)});
+  ack_event_l_.push_back({++last_number_, util::BootTimeUs(), std::move(event)});
   const bool awaitable = CanBeAwaited(type);
   if (!awaitable) ++unawaited_count_;
   DropOldest();
-  if (awaitable) Announce(lock, LanesToWake(type, message_id));
+  if (awaitable) return Announce(lock, LanesToWake(type, message_id));
+  if (!util::LogEnabled(LOG_DEBUG)) return;
+  const LaneSet lanes = LanesToWake(type, message_id);
+  lock.Unlock();
+  Wake(lanes);
 }
 
 AckQueue::LaneSet AckQueue::LanesToWake(MsgType type, uint16_t message_id) const {
@@ -69,7 +74,8 @@ AckQueue::LaneSet AckQueue::LanesToWake(MsgType type, uint16_t message_id) const
     if (IsCurrent(waiter) && waiter->awaited_ == type && (any_id || waiter->message_id_ == message_id))
       own.set(waiter->lane_);
   }
-  LaneSet lanes = own.any() ? own : all;
+  // Those whom it does not concern tell in debug that they left it; without these lines they sleep on.
+  LaneSet lanes = own.any() && !util::LogEnabled(LOG_DEBUG) ? own : all;
   return lanes.set(k_news_lane);
 }
 
@@ -79,6 +85,10 @@ void AckQueue::Announce(util::MutexLock& lock, LaneSet lanes) {
     if (lanes[i]) ++lanes_[i].news;
   if (lanes_[k_news_lane].awaiting_news == 0) lanes.reset(k_news_lane);
   lock.Unlock();
+  Wake(lanes);
+}
+
+void AckQueue::Wake(LaneSet lanes) {
   for (size_t i = 0; i < k_lanes; ++i)
     if (lanes[i]) lanes_[i].cond.Broadcast();
 }
@@ -133,6 +143,7 @@ AckQueue::Look AckQueue::Judge(Waiter& waiter, Entries::iterator entry, AckEvent
   Look look;
   look.type = event.type;
   look.message_id = event.message_id;
+  look.arrived_us = entry->arrived_us;
   if (event.type == waiter.awaited_) {
     const bool own = waiter.message_id_ <= 0 || waiter.message_id_ == event.message_id;
     look.verdict = own                               ? Verdict::kMatch
@@ -174,8 +185,12 @@ void AckQueue::AwaitNews(size_t lane, uint64_t* seen, int64_t timeout_us) {
 void AckQueue::TellNews() {
   util::MutexLock lock(mutex_);
   LaneSet lanes;
-  for (size_t i = 0; i < k_lanes; ++i) lanes[i] = lanes_[i].awaiting_news > 0;
-  if (lanes.any()) Announce(lock, lanes);
+  for (size_t i = 0; i < k_lanes; ++i) {
+    ++lanes_[i].news;  // for who is just about to await it, too
+    lanes[i] = lanes_[i].awaiting_news > 0;
+  }
+  lock.Unlock();
+  Wake(lanes);
 }
 
 uint64_t AckQueue::News(size_t lane) {

@@ -77,12 +77,14 @@ class AckQueue {
     Verdict verdict = Verdict::kNothing;
     MsgType type = MsgType::RESERVED;
     uint16_t message_id = 0;
-    size_t queued = 0;  // events in the queue afterwards
+    size_t queued = 0;       // events in the queue afterwards
+    int64_t arrived_us = 0;  // of the event, by the boot-time clock
   };
 
   /// Appends the event and wakes the request that awaits it; where there is none, every one, since each may
-  /// have to drop it or learn of the end. Events that no request can wait for wake nobody. Properties that no
-  /// request is waiting for are left out.
+  /// have to drop it or learn of the end. Events that no request can wait for wake nobody. While lines in
+  /// debug are written every event wakes every request, for each to tell at once what it does with it.
+  /// Properties that no request is waiting for are left out.
   void Enqueue(AckEvent event);
 
   /// Takes the next event that this waiter has not seen, waiting for one up to `timeout_us` (0 or more; after
@@ -108,6 +110,7 @@ class AckQueue {
 
   struct Entry {
     uint64_t number;
+    int64_t arrived_us;
     AckEvent event;
   };
   using Entries = std::list<Entry>;
@@ -116,6 +119,7 @@ class AckQueue {
 
   LaneSet LanesToWake(MsgType type, uint16_t message_id) const;
   void Announce(util::MutexLock& lock, LaneSet lanes);
+  void Wake(LaneSet lanes);
   bool IsCurrent(const Waiter* waiter) const { return waiter->session_ == session_; }
   bool TypeIsAwaited(MsgType type) const;
   void DropOldest();

@@ -323,16 +323,17 @@ Result SelfMqttImpl::AwaitAck(AckQueue::Waiter& waiter, MsgType awaited, int mes
   }
   // An acknowledgement for another identifier leaves the budget alone, but a broker that sends nothing else
   // must not hold the caller for ever.
-  const int64_t hard_end_us = util::BootTimeUs() + 2 * budget_us;
+  int64_t pass_us = util::BootTimeUs();
+  const int64_t hard_end_us = pass_us + 2 * budget_us;
   bool quiet = false;
   do {
-    const int64_t pass_us = util::BootTimeUs();
     if (!quiet) {
       CLIENT_LOG_AS(kSendAndWait, LOG_DEBUG, "Before dequeue during %jd usecs",
                     static_cast<intmax_t>(budget_us));
     }
-    const int64_t wait_us = std::clamp<int64_t>(hard_end_us - pass_us, 0, budget_us);
-    const AckQueue::Look look = ack_event_q_.Dequeue(waiter, event, wait_us);
+    const int64_t end_us = std::min(pass_us + budget_us, hard_end_us);
+    const AckQueue::Look look =
+        ack_event_q_.Dequeue(waiter, event, std::max<int64_t>(end_us - util::BootTimeUs(), 0));
     if (look.verdict == AckQueue::Verdict::kNothing) {
       if (look.queued == 0) LogNoAck(awaited, timeout_sec);
       return kFailure;
@@ -341,6 +342,8 @@ Result SelfMqttImpl::AwaitAck(AckQueue::Waiter& waiter, MsgType awaited, int mes
       CLIENT_LOG_AS(kSendAndWait, LOG_DEBUG, "Expected %s and %s comes in", NameOf(awaited).c_str(),
                     NameOf(look.type).c_str());
     }
+    // An event may have lain unseen while another request's came in: its own arrival ends the pass.
+    const int64_t next_pass_us = std::max(pass_us, look.arrived_us);
     switch (look.verdict) {
       case AckQueue::Verdict::kMatch:
         return kSuccess;
@@ -354,9 +357,10 @@ Result SelfMqttImpl::AwaitAck(AckQueue::Waiter& waiter, MsgType awaited, int mes
         break;
       default:
         if (!quiet) CLIENT_LOG_AS(kSendAndWait, LOG_DEBUG, "Not proper event, requeue for future use");
-        budget_us -= util::BootTimeUs() - pass_us;
+        budget_us -= next_pass_us - pass_us;
         quiet = quiet || look.queued == 1;
     }
+    pass_us = next_pass_us;
   } while (budget_us > 0);
   return kFailure;
 }

@@ -1,7 +1,5 @@
 // Inbound packets of every type in both protocol versions: what is reported, delivered, remembered and
 // logged, and how many bytes are used up. What does not fit a packet.
-#include <syslog.h>
-
 #include <regex>
 
 #include "tests/session/session.h"
@@ -216,9 +214,8 @@ TEST(PacketDecoder, LogsUnderTheEntryOperationsNameAndTheTagOfItsClientWhatIsNot
   Peer::SetTag(receiver.client, "t");
   EXPECT_EQ(written("50 03 0007 10"), "7 [t] PUBREC remain_len 3 qos 0\n7 msg_type [5] reason_code [10]\n");
   EXPECT_EQ(written("30 01 00"), "7 [t] PUBLISH remain_len 1 qos 0\n3 [t] ");
-  const int before = ::setlogmask(LOG_UPTO(LOG_ERR));
+  const test::LogMask errors(LOG_ERR);
   EXPECT_EQ(written("00 00"), "3 [t] Serious parsing error\n");
-  ::setlogmask(before);
 }
 
 TEST(PacketWriter, CountsOnPastTheEndAndWritesNothingThere) {

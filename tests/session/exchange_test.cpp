@@ -39,6 +39,7 @@ TEST(Publish, ManyInFlightTakeTheirAnswersInAnyOrder) {
   };
   StartedSession session(k_mqtt311, {{MsgType::PUBLISH, answer_in_reverse}});
   for (int round = 0; round < 20; ++round) {
+    const LogMask mask(round < 10 ? LOG_DEBUG : LOG_WARNING);
     std::vector<std::future<Result>> published;
     for (size_t i = 0; i < k_threads; ++i) published.push_back(session.PublishAsync(i % 2 == 0 ? 1 : 2));
     for (auto& each : published) ASSERT_EQ(each.get(), kSuccess) << "round " << round;
@@ -57,6 +58,28 @@ TEST(Request, SleepsWhileForeignEventsAreQueuedAndEndsSilently) {
   EXPECT_EQ(log.Count("Not proper event, requeue for future use"), 1);
   EXPECT_FALSE(log.Contains("Cannot get"));
   EXPECT_EQ(Peer::QueuedEvents(session.client).size(), 1U);  // put back for whoever it is for
+}
+
+TEST(Request, IsChargedForWhatItSleptThroughUpToTheArrival) {
+  const auto answer_third = [count = 0](Connection& connection, const Packet& packet) mutable {
+    const std::string ack = Bytes("4002") + packet.id();
+    if (++count == 3) connection.Send(ack + ack + ack);
+  };
+  StartedSession session(k_mqtt311, {{MsgType::PUBLISH, answer_third}}, 2);
+  const LogCapture log;
+  auto first = session.PublishAsync(1);
+  ASSERT_TRUE(log.WaitFor("Before dequeue during"));
+  const LogMask without_debug(LOG_WARNING);
+  session.Send("3003000161");
+  ASSERT_TRUE(Eventually([&] { return Peer::QueuedEvents(session.client).size() == 1; }));
+  suspended_s += 60;  // between the message and the acknowledgement
+  session.Send("40020001");
+  EXPECT_EQ(first.get(), kSuccess);
+
+  auto second = session.PublishAsync(1);
+  ASSERT_EQ(session.broker.Await(MsgType::PUBLISH, 2).qos(), 1);
+  EXPECT_EQ(session.Publish(1), kSuccess);  // whose other answers are the second one's to drop
+  EXPECT_LT(Seconds([&] { EXPECT_EQ(second.get(), kFailure); }), 3.0);
 }
 
 TEST(Request, ThatOutlivesItsSessionLeavesTheNextOneItsAnswers) {

@@ -1,7 +1,5 @@
 // PINGREQ out after silence, PINGRESP in: early, late, twice, unasked or never, also on a device that was
 // suspended, and what becomes of the session.
-#include <syslog.h>
-
 #include <sstream>
 
 #include "tests/session/session.h"
@@ -100,7 +98,7 @@ TEST(KeepAlive, EverySendPostponesThePing) {
   const std::pair<int, int64_t> cases[] = {{LOG_DEBUG, 2 * k_second}, {LOG_WARNING, k_second / 11}};
   for (const auto& [lines, busy_us] : cases) {
     SCOPED_TRACE(lines);
-    const int mask = ::setlogmask(LOG_UPTO(lines));
+    const LogMask mask(lines);
     Session session(k_mqtt311, {}, 1);
     session.option.keep_alive = 1;
     EXPECT_EQ(session.Start(), kSuccess);
@@ -114,7 +112,6 @@ TEST(KeepAlive, EverySendPostponesThePing) {
       EXPECT_GE(util::BootTimeUs() - last_us, static_cast<int64_t>(nth) * k_second);
     }
     EXPECT_TRUE(session.Healthy());
-    ::setlogmask(mask);
   }
 }
 

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <syslog.h>
 
 #include <filesystem>
 #include <future>
@@ -76,6 +77,16 @@ struct StartedSession : Session {
       : Session(protocol, std::move(handlers), timeout_s) {
     EXPECT_EQ(Start(), kSuccess);
   }
+};
+
+/// Lines down to a priority are written as long as it lives. Without those in debug a client sleeps through
+/// more.
+struct LogMask {
+  explicit LogMask(int least) : before(::setlogmask(LOG_UPTO(least))) {}
+  ~LogMask() { ::setlogmask(before); }
+  LogMask(const LogMask&) = delete;
+
+  const int before;
 };
 
 /// Seconds that `call` took.

@@ -54,6 +54,7 @@ class Stress : public testing::Test {
   }
 
   void RunRound(const TlsBroker* tls, unsigned seed) {
+    const LogMask mask(seed % 2 == 0 ? LOG_DEBUG : LOG_WARNING);
     const auto echo = [random = Random(seed)](Connection& client, const Packet& packet) mutable {
       ScriptedBroker::Answer(client, packet);
       client.Send(packet.raw);

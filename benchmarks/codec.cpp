@@ -1,5 +1,5 @@
 // What encoding and decoding cost, packet type by packet type: time, and allocations a packet. Over the
-// fuzzers' platform, which sends nothing; what is left of the system is one look at the send queue a packet
+// fuzzers' connection, which sends nothing; what is left of the system is one look at the send queue a packet
 // sent.
 #include <benchmark/benchmark.h>
 #include <syslog.h>

@@ -4,13 +4,16 @@
 #include <arpa/inet.h>
 
 #include <algorithm>
+#include <condition_variable>
 #include <csignal>
 #include <mutex>
+#include <new>
 #include <set>
 
 #include "util/log.h"
 #include "util/network_manager.h"
 #include "util/psm_manager.h"
+#include "util/scope_exit.h"
 #include "util/ssl_wrapper.h"
 #include "util/thread.h"
 
@@ -90,11 +93,18 @@ int32_t SslWrapper::SetCertAndKeyFile(const std::string& /*cert*/, const std::st
 
 struct NetworkManager::Registration {
   EventCallback callback;
-  std::recursive_mutex calls;  // held over each call, which may end its own registration; guards the next
+  std::vector<std::thread::id> running;  // the threads that are in a call of it
   bool ended = false;
 
-  static inline std::mutex mutex;  // guards the next; held over no call
-  static inline auto& all = *new std::vector<std::shared_ptr<Registration>>;  // never freed, like the names
+  struct Registry {
+    std::mutex mutex;  // guards all of this and of each registration, and is held over no call
+    std::condition_variable returned;
+    std::vector<std::shared_ptr<Registration>> list;
+  };
+  static Registry& All() {
+    static Registry& registry = *new Registry;  // never freed, like the names
+    return registry;
+  }
 };
 
 NetworkManager::NetworkManager() = default;
@@ -129,38 +139,49 @@ int NetworkManager::GetIpAddress(const std::string& /*iface*/, std::string& addr
   return 1;
 }
 
-// Where the device learns that it has lost its last address, it calls RaiseEvent with
-// EventDic::k_address_lost.
+// A device that learns of a loss calls RaiseEvent with EventDic::k_address_lost; this one would also call
+// back at once if the address of `socket_fd` had gone.
 void NetworkManager::SetEventCb(EventCallback callback, int /*socket_fd*/) {
   UnsetEventCb();
   if (callback == nullptr) return;
-  registration_ = std::make_shared<Registration>();
-  registration_->callback = std::move(callback);
-  const std::lock_guard<std::mutex> lock(Registration::mutex);
-  Registration::all.push_back(registration_);
+  const auto registration = std::make_shared<Registration>();
+  registration->callback = std::move(callback);
+  auto& [mutex, returned, list] = Registration::All();
+  const std::lock_guard<std::mutex> lock(mutex);
+  list.push_back(registration);
+  registration_ = registration;
 }
 
 void NetworkManager::UnsetEventCb() {
   if (registration_ == nullptr) return;
-  const auto ended = std::move(registration_);
-  {
-    const std::lock_guard<std::mutex> lock(Registration::mutex);
-    auto& all = Registration::all;
-    all.erase(std::remove(all.begin(), all.end(), ended), all.end());
-  }
-  const std::lock_guard<std::recursive_mutex> no_call(ended->calls);
-  ended->ended = true;
+  const auto mine = std::move(registration_);
+  auto& [mutex, returned, list] = Registration::All();
+  std::unique_lock<std::mutex> lock(mutex);
+  mine->ended = true;
+  list.erase(std::remove(list.begin(), list.end(), mine), list.end());
+  const auto& running = mine->running;
+  if (std::find(running.begin(), running.end(), std::this_thread::get_id()) != running.end()) return;
+  returned.wait(lock, [&] { return running.empty(); });
+  lock.unlock();
+  mine->callback = nullptr;  // a call that is about to begin may still hold the registration
 }
 
 void NetworkManager::RaiseEvent(EventDic& event) {
-  std::vector<std::shared_ptr<Registration>> all;
-  {
-    const std::lock_guard<std::mutex> lock(Registration::mutex);
-    all = Registration::all;
-  }
+  const auto me = std::this_thread::get_id();
+  auto& [mutex, returned, list] = Registration::All();
+  std::unique_lock<std::mutex> lock(mutex);
+  const auto all = list;  // which callbacks may change
   for (const auto& each : all) {
-    const std::lock_guard<std::recursive_mutex> call(each->calls);
-    if (!each->ended) each->callback(event);
+    if (each->ended) continue;
+    auto& running = each->running;
+    running.push_back(me);
+    lock.unlock();
+    const ScopeExit back([&, &woken = returned] {  // also when the callback throws
+      lock.lock();
+      running.erase(std::find(running.begin(), running.end(), me));
+      woken.notify_all();
+    });
+    each->callback(event);
   }
 }
 

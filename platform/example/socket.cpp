@@ -7,9 +7,13 @@
 #include <poll.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <cerrno>
-#include <cstring>
+#include <charconv>
 #include <list>
+#include <new>
+#include <system_error>
+#include <utility>
 
 #include "util/boot_clock.h"
 #include "util/condition.h"
@@ -33,17 +37,21 @@ bool Await(int fd, short events, int64_t end_us, int cancel_fd = -1) {
 int ConnectTo(int fd, int family, const std::string& path, int64_t end_us, int cancel_fd) {
   const size_t separator = path.rfind(';');
   if (separator == std::string::npos) return EINVAL;
+  const char* const port = path.c_str() + separator + 1;
+  const char* const end = path.c_str() + path.size();
+  uint16_t number = 0;  // read here, since the resolver would cut a larger one to its last 16 bits
+  const auto [stopped, error_code] = std::from_chars(port, end, number);
+  if (error_code != std::errc() || stopped != end || number == 0) return EINVAL;
   addrinfo hints{};
   hints.ai_family = family;
   hints.ai_socktype = SOCK_STREAM;
   hints.ai_flags = AI_NUMERICHOST | AI_NUMERICSERV;
   addrinfo* remote = nullptr;
-  if (::getaddrinfo(path.substr(0, separator).c_str(), path.c_str() + separator + 1, &hints, &remote) != 0)
-    return EINVAL;
+  if (::getaddrinfo(path.substr(0, separator).c_str(), port, &hints, &remote) != 0) return EINVAL;
   int error = ::connect(fd, remote->ai_addr, remote->ai_addrlen) == 0 ? 0 : errno;
   ::freeaddrinfo(remote);
   if (error != EINPROGRESS && error != EINTR) return error;
-  if (!Await(fd, POLLOUT, end_us, cancel_fd)) return ETIMEDOUT;
+  if (!Await(fd, POLLOUT, end_us, cancel_fd)) return MonotonicUs() < end_us ? ECANCELED : ETIMEDOUT;
   socklen_t size = sizeof error;
   return ::getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &size) == 0 ? error : errno;
 }
@@ -86,7 +94,7 @@ struct SocketClient::State {
     return refused;
   }
 
-  int32_t timeout_us = 0;
+  SocketClientOption option;
   bool connected = false;  // neither changes after the constructor
   Mutex mutex;             // guards all below
   Condition changed;
@@ -100,13 +108,13 @@ SocketClient::SocketClient(const std::string& iface, Protocol /*protocol*/, Doma
   const int family = domain == Domain::kIpv6 ? AF_INET6 : AF_INET;
   fd_ = ScopedFd(::socket(family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, IPPROTO_TCP));
   int error = fd_.valid() ? 0 : errno;
-  state_->timeout_us = option.timeout_us;
-  const int64_t limit_us = option.connect_timeout_us >= 0 ? option.connect_timeout_us : option.timeout_us;
-  if (!iface.empty() || option.ssl != nullptr) error = EOPNOTSUPP;
-  if (error == 0) error = ConnectTo(fd_.get(), family, path, MonotonicUs() + limit_us, option.cancel_fd);
+  const SocketClientOption& given = state_->option = std::move(option);
+  const int64_t limit_us = given.connect_timeout_us >= 0 ? given.connect_timeout_us : given.timeout_us;
+  if (!iface.empty() || given.ssl != nullptr) error = EOPNOTSUPP;
+  if (error == 0) error = ConnectTo(fd_.get(), family, path, MonotonicUs() + limit_us, given.cancel_fd);
   state_->connected = error == 0;
   if (error == 0) return;
-  ZEB_LOG(LOG_ERR, "no connection to %s: %s", path.c_str(), std::strerror(error));
+  ZEB_LOG(LOG_ERR, "no connection to %s: %s", path.c_str(), std::generic_category().message(error).c_str());
   ::shutdown(fd_.get(), SHUT_RDWR);  // the kernel would go on connecting
 }
 
@@ -115,7 +123,7 @@ SocketClient::~SocketClient() { Shutdown(); }
 bool SocketClient::IsConnected() const { return state_->connected; }
 
 ssize_t SocketClient::Send(const void* data, size_t length, bool last) {
-  const int64_t end_us = MonotonicUs() + state_->timeout_us;
+  const int64_t end_us = MonotonicUs() + state_->option.timeout_us;
   if (!state_->connected || !state_->TakeTurn(end_us)) return -1;
   size_t sent = 0;
   bool failed = false;

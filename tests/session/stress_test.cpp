@@ -19,14 +19,15 @@ struct TlsBroker {
     for (int i = 0; i < 5; ++i) ports += std::to_string(Listener().port) + " ";
     files.Run("for port in " + ports + R"sh(; do
   printf '%s\n' "listener $port 127.0.0.1" "user $(id -un)" 'certfile server.pem' 'keyfile server.key.pem' \
-    'allow_anonymous true' 'set_tcp_nodelay true' >conf
+    'allow_anonymous true' 'set_tcp_nodelay true' 'connection_messages false' >conf
   : >log
-  PATH=$PATH:/usr/sbin mosquitto -v -c conf >log 2>&1 & echo $! >pid
+  PATH=$PATH:/usr/sbin timeout $((300 + 10 * ${ZEB_STRESS_SECONDS:-5})) \
+    mosquitto -c conf >log 2>&1 & echo $! >pid
   for look in $(seq 1000); do ! grep -qE ' running$|rror' log || break; sleep 0.01; done
   ! grep -q ' running$' log || break
 done; ln -s $port port)sh");
   }
-  ~TlsBroker() { files.Run("kill -KILL $(cat pid)"); }
+  ~TlsBroker() { files.Run("kill $(cat pid) || true"); }
   void LeadHere(MqttWrapper::ConnectOption& option) const {
     option.tls = true;
     option.port = std::stoi(std::filesystem::read_symlink(files.Path("port")));

@@ -15,8 +15,8 @@ inline void Shell(const std::string& commands) {
 class TempFiles {
  public:
   TempFiles() {
-    char pattern[] = "/tmp/zeb_test_XXXXXX";
-    directory_ = ::mkdtemp(pattern);
+    directory_ = std::filesystem::temp_directory_path() / "zeb_test_XXXXXX";
+    (void)!::mkdtemp(directory_.data());
   }
   ~TempFiles() { std::filesystem::remove_all(directory_); }
   TempFiles(const TempFiles&) = delete;
@@ -28,7 +28,7 @@ class TempFiles {
   void MakeIdentity(const std::string& name, const std::string& issuer = "ca", const std::string& hosts = "",
                     int days = 1) const {
     Run("name=" + name + " issuer=" + issuer + " hosts=" + hosts + " days=" + std::to_string(days) +
-        R"(; exec 2>log
+        R"(; exec 3>&2 2>log; trap '[ $? = 0 ] || cat log >&3' EXIT
 extension=${hosts:+subjectAltName=}${hosts:-basicConstraints=critical,CA:TRUE}
 signer="-CA $issuer.pem -CAkey $issuer.key.pem"
 [ $issuer != $name ] || signer="-signkey $name.key.pem"

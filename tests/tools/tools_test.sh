@@ -95,7 +95,7 @@ ROWS
   done
   for qos in 0 1 2; do
     listen -t t -q $qos -C 1 -N -F %l
-    head -c 100000 /dev/zero | pub -t t -q $qos -s && ends 0 "$listener" && equals 100000
+    pub -t t -q $qos -s < <(head -c 100000 /dev/zero) && ends 0 "$listener" && equals 100000
   done
   listen -t t -C 1 -F '%I %U'
   printf -v now '%(%s)T' && pub -t t -m x && ends 0 "$listener"
@@ -146,7 +146,7 @@ test_ending() {
   logged 'Sending CONNACK to waiting' && kill -INT $! && ends 130 $!
   zebmqtt sub "${host[@]}" -i stalled -t x >&9 & # by a reader that does not read
   logged 'Sending SUBACK to stalled'
-  for _ in 1 2; do head -c 60000 /dev/zero | pub -t x -q 1 -s; done
+  for _ in 1 2; do pub -t x -q 1 -s < <(head -c 60000 /dev/zero); done
   kill -INT $! && ends 130 $! && logged 'Received DISCONNECT from stalled'
 }
 

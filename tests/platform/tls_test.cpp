@@ -1,6 +1,7 @@
 // The client socket over TLS, against peers on loopback. Every wait ends at a deadline.
 #include <gtest/gtest.h>
 #include <netinet/tcp.h>
+#include <openssl/err.h>
 #include <openssl/ssl.h>
 #include <syslog.h>
 
@@ -229,7 +230,10 @@ TEST_F(Tls, RecordsWithoutDataAndPartsOfRecordsNeitherEndNorStallASession) {
       for (int i = 0; i < 5; ++i) EXPECT_EQ(disturb(ssl) + SSL_do_handshake(ssl), 2);
       seen.get_future().wait_for(k_deadline);
       SSL_write(ssl, "data", 4);
-      renegotiates ? (void)AwaitEvent(SSL_get_fd(ssl), POLLRDHUP) : Echo(ssl);
+      if (!renegotiates) return Echo(ssl);
+      EXPECT_TRUE(AwaitEvent(SSL_get_fd(ssl), POLLRDHUP));
+      for (char byte = 0; SSL_read(ssl, &byte, 1) > 0;) continue;
+      EXPECT_EQ(ERR_GET_REASON(ERR_peek_last_error()), SSL_R_NO_RENEGOTIATION);
     });
     const Listener front;
     const auto proxy = std::async(std::launch::async, [&] { Trickle(front, server.listener.path); });

@@ -99,7 +99,7 @@ TEST(KeepAlive, EverySendPostponesThePing) {
   for (const auto& [lines, busy_us] : cases) {
     SCOPED_TRACE(lines);
     const LogMask mask(lines);
-    Session session(k_mqtt311, {}, 1);
+    Session session;
     session.option.keep_alive = 1;
     EXPECT_EQ(session.Start(), kSuccess);
     int64_t last_us = 0;

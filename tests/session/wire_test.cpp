@@ -68,6 +68,10 @@ TEST(Wire, RequestsAreRefusedBeforeAnythingIsSent) {
       {Subscribes({{"a", 1}}, 0, k_huge), kInvalidArgument, ""},
       {Subscribes({{"a", 1}}, 0, {{"k", Long(65'536)}}), kInvalidArgument, ""},
       {Unsubscribes({"a"}, k_huge), kInvalidArgument, ""},
+      {[pairs = k_huge](Session& session) mutable {
+         return session.client.PublishResponse(Type::PUBACK, 1, 0, pairs);
+       },
+       kFailure, "user properties of ["},
       {[](Session& session) {
          MqttWrapper::DisconnectOption option{0, -1, "", Long(65'536), {}};
          return session.client.Disconnect(&option);

@@ -52,20 +52,21 @@ AckQueue::Waiter::~Waiter() {
 void AckQueue::Enqueue(AckEvent event) {
   const MsgType type = event.type;
   const uint16_t message_id = event.message_id;
+  const bool debug = util::LogEnabled(LOG_DEBUG);  // before the lock: the log has one, too, and may be slow
   util::MutexLock lock(mutex_);
   if (event.records != nullptr && !TypeIsAwaited(type)) DropProperties(*event.records);
   ack_event_l_.push_back({++last_number_, util::BootTimeUs(), std::move(event)});
   const bool awaitable = CanBeAwaited(type);
   if (!awaitable) ++unawaited_count_;
   DropOldest();
-  if (awaitable) return Announce(lock, LanesToWake(type, message_id));
-  if (!util::LogEnabled(LOG_DEBUG)) return;
-  const LaneSet lanes = LanesToWake(type, message_id);
+  if (!awaitable && !debug) return;
+  const LaneSet lanes = LanesToWake(type, message_id, debug);
+  if (awaitable) return Announce(lock, lanes);
   lock.Unlock();
   Wake(lanes);
 }
 
-AckQueue::LaneSet AckQueue::LanesToWake(MsgType type, uint16_t message_id) const {
+AckQueue::LaneSet AckQueue::LanesToWake(MsgType type, uint16_t message_id, bool debug) const {
   LaneSet own;
   LaneSet all;
   for (const Waiter* waiter : waiters_) {
@@ -75,7 +76,7 @@ AckQueue::LaneSet AckQueue::LanesToWake(MsgType type, uint16_t message_id) const
       own.set(waiter->lane_);
   }
   // Those whom it does not concern tell in debug that they left it; without these lines they sleep on.
-  LaneSet lanes = own.any() && !util::LogEnabled(LOG_DEBUG) ? own : all;
+  LaneSet lanes = own.any() && !debug ? own : all;
   return lanes.set(k_news_lane);
 }
 

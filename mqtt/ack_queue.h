@@ -117,7 +117,7 @@ class AckQueue {
 
   using LaneSet = std::bitset<k_lanes>;
 
-  LaneSet LanesToWake(MsgType type, uint16_t message_id) const;
+  LaneSet LanesToWake(MsgType type, uint16_t message_id, bool debug) const;
   void Announce(util::MutexLock& lock, LaneSet lanes);
   void Wake(LaneSet lanes);
   bool IsCurrent(const Waiter* waiter) const { return waiter->session_ == session_; }

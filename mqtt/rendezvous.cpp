@@ -322,18 +322,18 @@ Result SelfMqttImpl::AwaitAck(AckQueue::Waiter& waiter, MsgType awaited, int mes
     return kFailure;
   }
   // An acknowledgement for another identifier leaves the budget alone, but a broker that sends nothing else
-  // must not hold the caller for ever.
+  // must not hold the caller for ever. A suspend, which is nobody's fault, does not count here.
+  const int64_t hard_end_us = util::MonotonicUs() + 2 * budget_us;
   int64_t pass_us = util::BootTimeUs();
-  const int64_t hard_end_us = pass_us + 2 * budget_us;
   bool quiet = false;
   do {
     if (!quiet) {
       CLIENT_LOG_AS(kSendAndWait, LOG_DEBUG, "Before dequeue during %jd usecs",
                     static_cast<intmax_t>(budget_us));
     }
-    const int64_t end_us = std::min(pass_us + budget_us, hard_end_us);
-    const AckQueue::Look look =
-        ack_event_q_.Dequeue(waiter, event, std::max<int64_t>(end_us - util::BootTimeUs(), 0));
+    const int64_t left_us =
+        std::min(pass_us + budget_us - util::BootTimeUs(), hard_end_us - util::MonotonicUs());
+    const AckQueue::Look look = ack_event_q_.Dequeue(waiter, event, std::max<int64_t>(left_us, 0));
     if (look.verdict == AckQueue::Verdict::kNothing) {
       if (look.queued == 0) LogNoAck(awaited, timeout_sec);
       return kFailure;
@@ -361,7 +361,7 @@ Result SelfMqttImpl::AwaitAck(AckQueue::Waiter& waiter, MsgType awaited, int mes
         quiet = quiet || look.queued == 1;
     }
     pass_us = next_pass_us;
-  } while (budget_us > 0);
+  } while (budget_us > 0 && util::MonotonicUs() < hard_end_us);
   return kFailure;
 }
 

@@ -82,6 +82,16 @@ TEST(Request, IsChargedForWhatItSleptThroughUpToTheArrival) {
   EXPECT_LT(Seconds([&] { EXPECT_EQ(second.get(), kFailure); }), 3.0);
 }
 
+TEST(Request, EndsUnderAFloodOfWhatNobodyAwaits) {
+  const auto flood = [](Connection& connection, const Packet&) {
+    std::string strays;
+    for (int i = 0; i < 1'000; ++i) strays += Bytes("4002fff0");
+    while (connection.Pause(1)) connection.Send(strays);
+  };
+  StartedSession session(k_mqtt311, {{MsgType::PUBLISH, flood}}, 1);
+  EXPECT_LT(Seconds([&] { EXPECT_EQ(session.Publish(1), kFailure); }), 3.0);
+}
+
 TEST(Request, ThatOutlivesItsSessionLeavesTheNextOneItsAnswers) {
   std::atomic<bool> answers{false};
   Session session(k_mqtt311, {{MsgType::PUBLISH, [&](Connection& connection, const Packet& packet) {

@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <utility>
 
-#include "util/boot_clock.h"
 #include "util/log.h"
 
 namespace zeb::mqtt {
@@ -55,7 +54,9 @@ void AckQueue::Enqueue(AckEvent event) {
   const bool debug = util::LogEnabled(LOG_DEBUG);  // before the lock: the log has one, too, and may be slow
   util::MutexLock lock(mutex_);
   if (event.records != nullptr && !TypeIsAwaited(type)) DropProperties(*event.records);
-  ack_event_l_.push_back({++last_number_, util::BootTimeUs(), std::move(event)});
+  // For requests still to come any time in the past will do: no two looks at a clock for each message.
+  const util::Moment arrived = waiters_.empty() ? util::Moment{} : util::Moment::Now();
+  ack_event_l_.push_back({++last_number_, arrived, std::move(event)});
   const bool awaitable = CanBeAwaited(type);
   if (!awaitable) ++unawaited_count_;
   DropOldest();
@@ -144,7 +145,7 @@ AckQueue::Look AckQueue::Judge(Waiter& waiter, Entries::iterator entry, AckEvent
   Look look;
   look.type = event.type;
   look.message_id = event.message_id;
-  look.arrived_us = entry->arrived_us;
+  look.arrived = entry->arrived;
   if (event.type == waiter.awaited_) {
     const bool own = waiter.message_id_ <= 0 || waiter.message_id_ == event.message_id;
     look.verdict = own                               ? Verdict::kMatch

@@ -7,6 +7,7 @@
 #include <memory>
 
 #include "mqtt/mqtt_wrapper.h"
+#include "util/boot_clock.h"
 #include "util/condition.h"
 #include "util/mutex.h"
 
@@ -78,7 +79,7 @@ class AckQueue {
     MsgType type = MsgType::RESERVED;
     uint16_t message_id = 0;
     size_t queued = 0;       // events in the queue afterwards
-    int64_t arrived_us = 0;  // of the event, by the boot-time clock
+    util::Moment arrived{};  // of the event; zero when no request was there yet
   };
 
   /// Appends the event and wakes the request that awaits it; where there is none, every one, since each may
@@ -110,7 +111,7 @@ class AckQueue {
 
   struct Entry {
     uint64_t number;
-    int64_t arrived_us;
+    util::Moment arrived;
     AckEvent event;
   };
   using Entries = std::list<Entry>;

@@ -321,18 +321,19 @@ Result SelfMqttImpl::AwaitAck(AckQueue::Waiter& waiter, MsgType awaited, int mes
     LogNoAck(awaited, timeout_sec);
     return kFailure;
   }
+  // The wait stands still while the device is suspended; what a foreign event is charged with goes on.
+  util::Moment pass = util::Moment::Now();
   // An acknowledgement for another identifier leaves the budget alone, but a broker that sends nothing else
-  // must not hold the caller for ever. A suspend, which is nobody's fault, does not count here.
-  const int64_t hard_end_us = util::MonotonicUs() + 2 * budget_us;
-  int64_t pass_us = util::BootTimeUs();
+  // must not hold the caller for ever.
+  const int64_t hard_end_us = pass.monotonic_us + 2 * budget_us;
   bool quiet = false;
+  int64_t arrived_us = 0;
   do {
     if (!quiet) {
       CLIENT_LOG_AS(kSendAndWait, LOG_DEBUG, "Before dequeue during %jd usecs",
                     static_cast<intmax_t>(budget_us));
     }
-    const int64_t left_us =
-        std::min(pass_us + budget_us - util::BootTimeUs(), hard_end_us - util::MonotonicUs());
+    const int64_t left_us = std::min(pass.monotonic_us + budget_us, hard_end_us) - util::MonotonicUs();
     const AckQueue::Look look = ack_event_q_.Dequeue(waiter, event, std::max<int64_t>(left_us, 0));
     if (look.verdict == AckQueue::Verdict::kNothing) {
       if (look.queued == 0) LogNoAck(awaited, timeout_sec);
@@ -342,8 +343,9 @@ Result SelfMqttImpl::AwaitAck(AckQueue::Waiter& waiter, MsgType awaited, int mes
       CLIENT_LOG_AS(kSendAndWait, LOG_DEBUG, "Expected %s and %s comes in", NameOf(awaited).c_str(),
                     NameOf(look.type).c_str());
     }
-    // An event may have lain unseen while another request's came in: its own arrival ends the pass.
-    const int64_t next_pass_us = std::max(pass_us, look.arrived_us);
+    // An event may have lain unseen for a while: its arrival is what counts.
+    const util::Moment next_pass = look.arrived.monotonic_us > pass.monotonic_us ? look.arrived : pass;
+    arrived_us = look.arrived.monotonic_us;
     switch (look.verdict) {
       case AckQueue::Verdict::kMatch:
         return kSuccess;
@@ -354,14 +356,17 @@ Result SelfMqttImpl::AwaitAck(AckQueue::Waiter& waiter, MsgType awaited, int mes
         CLIENT_LOG_AS(kSendAndWait, LOG_DEBUG,
                       "Expected message_id [%u] but message_id [%d] comes in continue loop",
                       static_cast<unsigned int>(message_id), static_cast<int>(look.message_id));
+        pass = next_pass;
         break;
       default:
         if (!quiet) CLIENT_LOG_AS(kSendAndWait, LOG_DEBUG, "Not proper event, requeue for future use");
-        budget_us -= next_pass_us - pass_us;
         quiet = quiet || look.queued == 1;
+        if (look.verdict == AckQueue::Verdict::kOthers) break;  // as if it had not woken this request at all
+        budget_us -= next_pass.boot_us - pass.boot_us;
+        pass = next_pass;
     }
-    pass_us = next_pass_us;
-  } while (budget_us > 0 && util::MonotonicUs() < hard_end_us);
+  } while (budget_us > 0 && arrived_us < hard_end_us);
+  if (budget_us > 0) LogNoAck(awaited, timeout_sec);
   return kFailure;
 }
 

@@ -20,4 +20,11 @@ inline int64_t MonotonicUs() {
   return static_cast<int64_t>(now.tv_sec) * 1'000'000 + now.tv_nsec / 1'000;
 }
 
+/// One moment by both clocks.
+struct Moment {
+  int64_t boot_us;
+  int64_t monotonic_us;
+  static Moment Now() { return {BootTimeUs(), MonotonicUs()}; }
+};
+
 }  // namespace zeb::util

@@ -2,6 +2,7 @@
 // it would define the former itself.
 #include "tests/support/system.h"
 
+#include <poll.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -16,6 +17,7 @@ extern "C" void vsyslog(int priority, const char* format, va_list arguments);
 namespace zeb::test {
 std::atomic<int64_t> suspended_s{0}, wall_clock_s{0};
 std::atomic<bool> pass_log_on{false};
+std::atomic<int> line_ms{0};
 
 namespace {
 
@@ -28,6 +30,7 @@ __attribute__((format(printf, 2, 0))) void Keep(int priority, const char* format
   (void)std::vsnprintf(text, sizeof text, format, arguments);  // also when nobody captures: it reads them
   // Relaxed, so that logging orders no two threads while nobody captures and hides no race.
   if (capturing.load(std::memory_order_relaxed)) kept.Push({priority, text});
+  if (const int ms = line_ms.load(std::memory_order_relaxed)) ::poll(nullptr, 0, ms);
 }
 
 }  // namespace

@@ -11,6 +11,7 @@ namespace zeb::test {
 /// How far clocks have moved since the test began, for whoever reads them; timers and waits stay as they are.
 extern std::atomic<int64_t> suspended_s, wall_clock_s;  // go to CLOCK_BOOTTIME and CLOCK_REALTIME
 extern std::atomic<bool> pass_log_on;                   ///< While true, lines go to the system's log alone.
+extern std::atomic<int> line_ms;                        ///< What a line costs its writer; 0: nothing.
 
 /// Captures from construction to destruction; at most one at a time.
 struct LogCapture {

@@ -1,6 +1,8 @@
 // PINGREQ out after silence, PINGRESP in: early, late, twice, unasked or never, also on a device that was
 // suspended, and what becomes of the session.
+#include <optional>
 #include <sstream>
+#include <utility>
 
 #include "tests/session/session.h"
 
@@ -18,16 +20,16 @@ TEST(KeepAlive, AHealthySessionLivesAndNoOtherDoes) {
   } cases[] = {
       {"an answer each", "p d000 p d000", true},
       {"both answers at once", "p p d000d000", true},
-      {"the first answer serves both", "p p d000 11", true},
+      {"the first answer serves both", "p p d000 110", true},
       {"the second is not the next ping's", "p p d000 p d000 d000", true},
       {"answered twice", "p d000d000 p d000", true},
-      {"just in time", "p 9 d000", true},
-      {"a second ping does not lengthen it", "p 6 p 6", false},
-      {"too late", "p 11 d000", false},
-      {"missing", "p 11", false},
+      {"just in time", "p 90 d000", true},
+      {"a second ping does not lengthen it", "p 60 p 60", false},
+      {"too late", "p 110 d000", false},
+      {"missing", "p 110", false},
       {"unasked, and then a ping", "d000 p", false},
       {"suspended between two pings", "p d000 3600 p d000", true},
-      {"and nobody there afterwards", "p d000 3600 p 11", false},
+      {"and nobody there afterwards", "p d000 3600 p 110", false},
   };
   for (const auto& [name, script, lives] : cases) {
     SCOPED_TRACE(name);
@@ -35,7 +37,7 @@ TEST(KeepAlive, AHealthySessionLivesAndNoOtherDoes) {
     const auto answer = [&](Connection& connection, const Packet& packet) {
       if (answers) ScriptedBroker::Answer(connection, packet);
     };
-    StartedSession session(k_mqtt311, {{MsgType::PINGREQ, answer}});
+    StartedSession session(k_mqtt311, {{MsgType::PINGREQ, answer}}, 100);
     size_t messages = 0;
     std::string step;
     for (std::istringstream steps(script); steps >> step;) {
@@ -63,7 +65,7 @@ TEST(KeepAlive, PingsAfterSilenceAndEndsTheSessionWithoutAnAnswer) {
     int keep_alive_s, timeout_s;  // either may be the longer one
     size_t answered_at;           // each PINGREQ when so many have come in; 0: never
     int64_t suspend_s;            // before the first
-  } cases[] = {{1, 3, 2, 0}, {2, 1, 1, 0}, {1, 2, 0, 0}, {2, 1, 0, 0}, {1, 1, 1, 3'600}, {1, 1, 0, 3'600}};
+  } cases[] = {{1, 6, 2, 0}, {3, 2, 1, 0}, {1, 2, 0, 0}, {2, 1, 0, 0}, {1, 4, 1, 3'600}, {1, 1, 0, 3'600}};
   for (const auto& [keep_alive_s, timeout_s, answered_at, suspend_s] : cases) {
     SCOPED_TRACE(testing::Message() << keep_alive_s << timeout_s << answered_at << suspend_s);
     size_t pings = 0;  // the broker's thread alone
@@ -78,7 +80,7 @@ TEST(KeepAlive, PingsAfterSilenceAndEndsTheSessionWithoutAnAnswer) {
     if (answered_at == 0) {
       const double took = Seconds([&] { EXPECT_EQ(session.ends.Await(1), std::vector<int>{3}); });
       EXPECT_GT(took, keep_alive_s + timeout_s - 0.2);
-      EXPECT_LT(took, keep_alive_s + 2 * timeout_s + 1.5);
+      EXPECT_LT(took, keep_alive_s + 2 * timeout_s + 5);
       EXPECT_TRUE(log.Contains("Cannot get PONGRESP message for " + std::to_string(timeout_s) + " seconds"));
       EXPECT_EQ(session.client.GetStatusInfo().dis_reason, 3);
       continue;
@@ -93,25 +95,38 @@ TEST(KeepAlive, PingsAfterSilenceAndEndsTheSessionWithoutAnAnswer) {
   suspended_s = 0;
 }
 
+// Starts and publishes without a break. Returns when the last packet began; nothing when the machine stalled
+// for so long that a ping was due.
+std::optional<int64_t> StartAndPublish(Session& session, int64_t busy_us) {
+  int64_t last_us = util::BootTimeUs();
+  EXPECT_EQ(session.Start(), kSuccess);
+  for (const int64_t end_us = util::BootTimeUs() + busy_us; last_us < end_us;) {
+    const int64_t before_us = std::exchange(last_us, util::BootTimeUs());
+    EXPECT_EQ(session.Publish(1), kSuccess);
+    if (util::BootTimeUs() - before_us >= k_second) return {};
+  }
+  return last_us;
+}
+
 TEST(KeepAlive, EverySendPostponesThePing) {
   // Without the lines in debug the timer is set once in 100 ms: the last sends find it as the first left it.
   const std::pair<int, int64_t> cases[] = {{LOG_DEBUG, 2 * k_second}, {LOG_WARNING, k_second / 11}};
   for (const auto& [lines, busy_us] : cases) {
     SCOPED_TRACE(lines);
     const LogMask mask(lines);
-    Session session;
-    session.option.keep_alive = 1;
-    EXPECT_EQ(session.Start(), kSuccess);
-    int64_t last_us = 0;
-    for (const int64_t end_us = util::BootTimeUs() + busy_us; last_us < end_us;) {
-      last_us = util::BootTimeUs();
-      EXPECT_EQ(session.Publish(1), kSuccess);
+    std::optional<int64_t> last_us;
+    for (int attempt = 0; attempt < 5 && !last_us; ++attempt) {
+      Session session;
+      session.option.keep_alive = 1;
+      last_us = StartAndPublish(session, busy_us);
+      if (!last_us) continue;
+      for (const size_t nth : {1U, 2U}) {
+        EXPECT_EQ(session.broker.Await(MsgType::PINGREQ, nth).hex(), "c000");
+        EXPECT_GE(util::BootTimeUs() - *last_us, static_cast<int64_t>(nth) * k_second);
+      }
+      EXPECT_TRUE(session.Healthy());
     }
-    for (const size_t nth : {1U, 2U}) {
-      EXPECT_EQ(session.broker.Await(MsgType::PINGREQ, nth).hex(), "c000");
-      EXPECT_GE(util::BootTimeUs() - last_us, static_cast<int64_t>(nth) * k_second);
-    }
-    EXPECT_TRUE(session.Healthy());
+    EXPECT_TRUE(last_us) << "no attempt without a stall";
   }
 }
 

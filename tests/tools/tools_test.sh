@@ -98,10 +98,10 @@ ROWS
     pub -t t -q $qos -s < <(head -c 100000 /dev/zero) && ends 0 "$listener" && equals 100000
   done
   listen -t t -C 1 -F '%I %U'
-  printf -v now '%(%s)T' && pub -t t -m x && ends 0 "$listener"
-  prints "^$(date -d "@$now" +%Y-%m-%dT)[0-9:]{8}[+-][0-9]{4} ${now::8}[0-9]{2}\.[0-9]{6}$"
+  printf -v now '%(%s)T' && pub -t t -m x && ends 0 "$listener" && printf -v later '%(%s)T'
+  prints "^($(date -d "@$now" +%F)|$(date -d "@$later" +%F))T[0-9:]{8}[+-][0-9]{4} (${now::8}|${later::8})[0-9]{2}\.[0-9]{6}$"
   pub -t kept -r -m kept && run 0 zebmqtt sub "${host[@]}" -t kept -C 1 && equals 'kept\n'
-  pub -t kept -r -m '' && run 0 zebmqtt sub "${host[@]}" -t kept -W 1 -c -i sleeper -q 1 -V 5 && equals ''
+  pub -t kept -r -m '' && run 0 zebmqtt sub "${host[@]}" -t kept -W 3 -c -i sleeper -q 1 -V 5 && equals ''
   pub -t kept -q 1 -m later && run 0 zebmqtt sub "${host[@]}" -t kept -C 1 -c -i sleeper -q 1 -V 5 && equals 'later\n'
   run 0 zebmqtt pub "${host[@]}" -V 5 -D name=a=b -D other=x -t t -m x --debug
   says 'user_property \[name\]:\[a=b\]' && says 'user_property \[other\]:\[x\]'

@@ -324,8 +324,9 @@ Result SelfMqttImpl::AwaitAck(AckQueue::Waiter& waiter, MsgType awaited, int mes
   // The wait stands still while the device is suspended; what a foreign event is charged with goes on.
   util::Moment pass = util::Moment::Now();
   // An acknowledgement for another identifier leaves the budget alone, but a broker that sends nothing else
-  // must not hold the caller for ever.
+  // must not hold the caller for ever. What came in before the end counts, however late it is looked at.
   const int64_t hard_end_us = pass.monotonic_us + 2 * budget_us;
+  const auto end_us = [&] { return std::min(pass.monotonic_us + budget_us, hard_end_us); };
   bool quiet = false;
   int64_t arrived_us = 0;
   do {
@@ -333,10 +334,10 @@ Result SelfMqttImpl::AwaitAck(AckQueue::Waiter& waiter, MsgType awaited, int mes
       CLIENT_LOG_AS(kSendAndWait, LOG_DEBUG, "Before dequeue during %jd usecs",
                     static_cast<intmax_t>(budget_us));
     }
-    const int64_t left_us = std::min(pass.monotonic_us + budget_us, hard_end_us) - util::MonotonicUs();
+    const int64_t left_us = end_us() - util::MonotonicUs();
     const AckQueue::Look look = ack_event_q_.Dequeue(waiter, event, std::max<int64_t>(left_us, 0));
     if (look.verdict == AckQueue::Verdict::kNothing) {
-      if (look.queued == 0) LogNoAck(awaited, timeout_sec);
+      if (look.queued == 0 || util::MonotonicUs() >= hard_end_us) LogNoAck(awaited, timeout_sec);
       return kFailure;
     }
     if (!quiet) {
@@ -361,11 +362,11 @@ Result SelfMqttImpl::AwaitAck(AckQueue::Waiter& waiter, MsgType awaited, int mes
       default:
         if (!quiet) CLIENT_LOG_AS(kSendAndWait, LOG_DEBUG, "Not proper event, requeue for future use");
         quiet = quiet || look.queued == 1;
-        if (look.verdict == AckQueue::Verdict::kOthers) break;  // as if it had not woken this request at all
-        budget_us -= next_pass.boot_us - pass.boot_us;
+        if (look.verdict == AckQueue::Verdict::kOthers) break;  // which wakes it in debug alone
+        budget_us -= std::max<int64_t>(next_pass.boot_us - pass.boot_us, 0);
         pass = next_pass;
     }
-  } while (budget_us > 0 && arrived_us < hard_end_us);
+  } while (budget_us > 0 && arrived_us < end_us());
   if (budget_us > 0) LogNoAck(awaited, timeout_sec);
   return kFailure;
 }

@@ -3,6 +3,7 @@
 #include <poll.h>
 
 #include <ctime>
+#include <optional>
 
 #include "tests/session/session.h"
 
@@ -64,7 +65,7 @@ TEST(Request, SleepsWhileForeignEventsAreQueuedAndEndsSilently) {
 }
 
 TEST(Request, IsChargedForForeignEventsAloneAndUpToTheirArrival) {
-  StartedSession session(k_mqtt311, {{MsgType::PUBLISH, Ignore}}, 5);
+  StartedSession session(k_mqtt311, {{MsgType::PUBLISH, Ignore}});
   auto& queue = Peer::Queue(session.client);
   const LogCapture log;
   auto other = std::make_unique<mqtt::AckQueue::Waiter>(queue, MsgType::PUBACK, 9);
@@ -81,25 +82,25 @@ TEST(Request, IsChargedForForeignEventsAloneAndUpToTheirArrival) {
     queue.Enqueue({MsgType::PUBACK, 1, nullptr});
     EXPECT_EQ(published[0].get(), kSuccess);
     other.reset();  // now the second is to drop what came for it, as long ago as it did
-    EXPECT_LT(Seconds([&] { EXPECT_EQ(published[1].get(), kFailure); }), 7.5);
+    EXPECT_LT(Seconds([&] { EXPECT_EQ(published[1].get(), kFailure); }), 18.0);
   }
   auto third = session.PublishAsync(1);
   ASSERT_TRUE(log.WaitFor("Before dequeue during", 3));
   suspended_s += 60;
   queue.Enqueue({MsgType::PUBLISH, 0, nullptr});
-  EXPECT_LT(Seconds([&] { EXPECT_EQ(third.get(), kFailure); }), 3.0);
+  EXPECT_LT(Seconds([&] { EXPECT_EQ(third.get(), kFailure); }), 8.0);
   EXPECT_FALSE(log.Contains("Cannot get"));
 }
 
 TEST(Request, TakesAnAnswerThatCameInTimeHoweverLateItLooks) {
-  StartedSession session(k_mqtt311, {{MsgType::PUBLISH, Ignore}}, 2);
+  StartedSession session(k_mqtt311, {{MsgType::PUBLISH, Ignore}}, 5);
   auto& queue = Peer::Queue(session.client);
   for (uint16_t id = 1; id <= 2; ++id) {
     const bool queued = id == 1;  // the answer, before the request has looked at the stray one
     const LogCapture log;
     auto published = session.PublishAsync(1);
     ASSERT_TRUE(log.WaitFor("Before dequeue during"));
-    line_ms = queued ? 4'500 : 300;
+    line_ms = queued ? 10'500 : 300;
     queue.Enqueue({MsgType::PUBACK, 0xFFF0, nullptr});
     if (queued) queue.Enqueue({MsgType::PUBACK, id, nullptr});
     ASSERT_TRUE(log.WaitFor("Expected PUBACK and PUBACK comes in"));
@@ -112,19 +113,24 @@ TEST(Request, TakesAnAnswerThatCameInTimeHoweverLateItLooks) {
   }
 }
 
-TEST(Request, EndsUnderAFloodOfWhatNobodyAwaits) {
-  const auto flood = [](Connection& connection, const Packet&) {
-    std::string strays;
-    for (int i = 0; i < 1'000; ++i) strays += Bytes("4002fff0");
-    while (connection.Pause(1)) connection.Send(strays);
-  };
-  StartedSession session(k_mqtt311, {{MsgType::PUBLISH, flood}}, 1);
-  const LogCapture log;
-  line_ms = 1;  // so that new ones come faster than it drops them
-  const double took = Seconds([&] { EXPECT_EQ(session.Publish(1), kFailure); });
-  line_ms = 0;
-  EXPECT_TRUE(took > 1.95 && took < 10) << took;
-  EXPECT_EQ(log.Count("Cannot get PUBACK event for 1 seconds"), 1);
+TEST(Request, EndsUnderAFloodOfOtherAnswers) {
+  StartedSession session(k_mqtt311, {{MsgType::PUBLISH, Ignore}}, 4);
+  auto& queue = Peer::Queue(session.client);
+  for (const bool awaited : {true, false}) {
+    std::optional<mqtt::AckQueue::Waiter> other;
+    if (awaited) other.emplace(queue, MsgType::PUBACK, 9);
+    const LogCapture log;
+    line_ms = 1;  // so that new ones come faster than it looks at them
+    const double took = Seconds([&] {
+      auto published = session.PublishAsync(1);
+      for (int ms = 0; ms < 20'000 && !IsReady(published); ++ms, ::poll(nullptr, 0, 1))
+        for (int i = 0; i < 10; ++i) queue.Enqueue({MsgType::PUBACK, 9, nullptr});
+      EXPECT_EQ(published.get(), kFailure);
+    });
+    line_ms = 0;
+    EXPECT_TRUE(awaited ? took > 3.95 && took < 7.8 : took > 7.95 && took < 16) << took;
+    EXPECT_EQ(log.Count("Cannot get PUBACK event for 4 seconds"), 1);
+  }
 }
 
 TEST(Request, ThatOutlivesItsSessionLeavesTheNextOneItsAnswers) {

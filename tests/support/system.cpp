@@ -28,9 +28,10 @@ __attribute__((format(printf, 2, 0))) void Keep(int priority, const char* format
   if (pass_log_on.load(std::memory_order_relaxed)) return ::vsyslog(priority, format, arguments);
   char text[2'048];
   (void)std::vsnprintf(text, sizeof text, format, arguments);  // also when nobody captures: it reads them
+  const int ms = line_ms.load(std::memory_order_relaxed);
   // Relaxed, so that logging orders no two threads while nobody captures and hides no race.
   if (capturing.load(std::memory_order_relaxed)) kept.Push({priority, text});
-  if (const int ms = line_ms.load(std::memory_order_relaxed)) ::poll(nullptr, 0, ms);
+  if (ms > 0) ::poll(nullptr, 0, ms);
 }
 
 }  // namespace

@@ -48,33 +48,35 @@ AckQueue::Waiter::~Waiter() {
   queue_.waiters_.remove(this);
 }
 
+// For the requests of earlier sessions there is only the end.
+bool AckQueue::Waiter::Awaits(const AckEvent& event) const {
+  return IsCurrent() && awaited_ == event.type && (message_id_ <= 0 || message_id_ == event.message_id);
+}
+
 void AckQueue::Enqueue(AckEvent event) {
-  const MsgType type = event.type;
-  const uint16_t message_id = event.message_id;
   const bool debug = util::LogEnabled(LOG_DEBUG);  // before the lock: the log has one, too, and may be slow
   util::MutexLock lock(mutex_);
-  if (event.records != nullptr && !TypeIsAwaited(type)) DropProperties(*event.records);
+  if (event.records != nullptr && !TypeIsAwaited(event.type)) DropProperties(*event.records);
   // For requests still to come any time in the past will do: no two looks at a clock for each message.
   const util::Moment arrived = waiters_.empty() ? util::Moment{} : util::Moment::Now();
+  const bool awaitable = CanBeAwaited(event.type);
+  const bool wakes = awaitable || debug;
+  const LaneSet lanes = wakes ? LanesToWake(event, debug) : LaneSet{};
   ack_event_l_.push_back({++last_number_, arrived, std::move(event)});
-  const bool awaitable = CanBeAwaited(type);
   if (!awaitable) ++unawaited_count_;
   DropOldest();
-  if (!awaitable && !debug) return;
-  const LaneSet lanes = LanesToWake(type, message_id, debug);
+  if (!wakes) return;
   if (awaitable) return Announce(lock, lanes);
   lock.Unlock();
   Wake(lanes);
 }
 
-AckQueue::LaneSet AckQueue::LanesToWake(MsgType type, uint16_t message_id, bool debug) const {
+AckQueue::LaneSet AckQueue::LanesToWake(const AckEvent& event, bool debug) const {
   LaneSet own;
   LaneSet all;
   for (const Waiter* waiter : waiters_) {
     all.set(waiter->lane_);
-    const bool any_id = waiter->message_id_ <= 0;
-    if (IsCurrent(waiter) && waiter->awaited_ == type && (any_id || waiter->message_id_ == message_id))
-      own.set(waiter->lane_);
+    if (waiter->Awaits(event)) own.set(waiter->lane_);
   }
   // Those whom it does not concern tell in debug that they left it; without these lines they sleep on.
   LaneSet lanes = own.any() && !debug ? own : all;
@@ -97,10 +99,15 @@ void AckQueue::Wake(LaneSet lanes) {
 
 bool AckQueue::TypeIsAwaited(MsgType type) const {
   return std::any_of(waiters_.begin(), waiters_.end(),
-                     [&](const Waiter* waiter) { return IsCurrent(waiter) && waiter->awaited_ == type; });
+                     [&](const Waiter* waiter) { return waiter->IsCurrent() && waiter->awaited_ == type; });
 }
 
-// Makes room after one event was appended, at the cost of what can be missed best.
+bool AckQueue::IsAwaited(const AckEvent& event) const {
+  return std::any_of(waiters_.begin(), waiters_.end(),
+                     [&](const Waiter* waiter) { return waiter->Awaits(event); });
+}
+
+// Makes room after one event was appended, or requests have gone, at the cost of what can be missed best.
 void AckQueue::DropOldest() {
   if (unawaited_count_ > k_max_unawaited) {
     const auto oldest = std::find_if(ack_event_l_.begin(), ack_event_l_.end(),
@@ -108,9 +115,12 @@ void AckQueue::DropOldest() {
     ack_event_l_.erase(oldest);
     --unawaited_count_;
   }
-  if (ack_event_l_.size() > k_max_events) {
-    if (!CanBeAwaited(ack_event_l_.front().event.type)) --unawaited_count_;
-    ack_event_l_.pop_front();
+  while (ack_event_l_.size() > k_max_events + waiters_.size()) {
+    auto oldest = std::find_if(ack_event_l_.begin(), ack_event_l_.end(),
+                               [&](const Entry& entry) { return !IsAwaited(entry.event); });
+    if (oldest == ack_event_l_.end()) oldest = ack_event_l_.begin();  // the same answers over and over
+    if (!CanBeAwaited(oldest->event.type)) --unawaited_count_;
+    ack_event_l_.erase(oldest);
   }
 }
 
@@ -119,7 +129,7 @@ AckQueue::Look AckQueue::Dequeue(Waiter& waiter, AckEvent& out, int64_t timeout_
   bool timed_out = false;
   const util::MutexLock lock(mutex_);
   for (;;) {
-    if (!IsCurrent(&waiter)) {
+    if (!waiter.IsCurrent()) {
       Look ended;
       ended.verdict = Verdict::kEnd;
       return ended;
@@ -147,10 +157,9 @@ AckQueue::Look AckQueue::Judge(Waiter& waiter, Entries::iterator entry, AckEvent
   look.message_id = event.message_id;
   look.arrived = entry->arrived;
   if (event.type == waiter.awaited_) {
-    const bool own = waiter.message_id_ <= 0 || waiter.message_id_ == event.message_id;
-    look.verdict = own                               ? Verdict::kMatch
-                   : AwaitedByAnother(waiter, event) ? Verdict::kOthers
-                                                     : Verdict::kDropped;
+    look.verdict = waiter.Awaits(event) ? Verdict::kMatch
+                   : IsAwaited(event)   ? Verdict::kOthers
+                                        : Verdict::kDropped;
   } else {
     // A start that waits for CONNACK has the first claim on the end: it must fail at once.
     const bool ended = event.type == MsgType::RESERVED &&
@@ -162,13 +171,6 @@ AckQueue::Look AckQueue::Judge(Waiter& waiter, Entries::iterator entry, AckEvent
   if (!stays) ack_event_l_.erase(entry);  // what is taken can be awaited, so the other count stands
   look.queued = ack_event_l_.size();
   return look;
-}
-
-bool AckQueue::AwaitedByAnother(const Waiter& waiter, const AckEvent& event) const {
-  return std::any_of(waiters_.begin(), waiters_.end(), [&](const Waiter* other) {
-    return other != &waiter && IsCurrent(other) && other->awaited_ == event.type &&
-           other->message_id_ == event.message_id;
-  });
 }
 
 void AckQueue::AwaitNews(size_t lane, uint64_t* seen, int64_t timeout_us) {

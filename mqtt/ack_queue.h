@@ -37,7 +37,8 @@ class AckQueue {
  public:
   /// Events that no request can wait for (PUBLISH, say) are kept up to this many,
   static constexpr size_t k_max_unawaited = 64;
-  /// and all events together up to this many; the oldest go first.
+  /// and all events together up to this many and one for each request in flight. The oldest go first, an
+  /// answer that a request awaits after all others.
   static constexpr size_t k_max_events = 256;
   /// Who waits does so on a lane, so that one acknowledgement does not wake all. More waiters than lanes only
   /// wake one another up. The first lane is for those who await nothing of the queue but news.
@@ -57,6 +58,8 @@ class AckQueue {
 
    private:
     friend class AckQueue;
+    [[nodiscard]] bool IsCurrent() const { return session_ == queue_.session_; }
+    [[nodiscard]] bool Awaits(const AckEvent& event) const;
     AckQueue& queue_;
     const MsgType awaited_;
     const int message_id_;
@@ -118,14 +121,13 @@ class AckQueue {
 
   using LaneSet = std::bitset<k_lanes>;
 
-  LaneSet LanesToWake(MsgType type, uint16_t message_id, bool debug) const;
+  LaneSet LanesToWake(const AckEvent& event, bool debug) const;
   void Announce(util::MutexLock& lock, LaneSet lanes);
   void Wake(LaneSet lanes);
-  bool IsCurrent(const Waiter* waiter) const { return waiter->session_ == session_; }
   bool TypeIsAwaited(MsgType type) const;
+  bool IsAwaited(const AckEvent& event) const;
   void DropOldest();
   Look Judge(Waiter& waiter, Entries::iterator entry, AckEvent& out);
-  bool AwaitedByAnother(const Waiter& waiter, const AckEvent& event) const;
 
   util::Mutex mutex_;  // guards everything below
   struct Lane {

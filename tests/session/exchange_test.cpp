@@ -3,6 +3,7 @@
 #include <poll.h>
 
 #include <ctime>
+#include <list>
 #include <optional>
 
 #include "tests/session/session.h"
@@ -130,6 +131,30 @@ TEST(Request, EndsUnderAFloodOfOtherAnswers) {
     line_ms = 0;
     EXPECT_TRUE(awaited ? took > 3.95 && took < 7.8 : took > 7.95 && took < 16) << took;
     EXPECT_EQ(log.Count("Cannot get PUBACK event for 4 seconds"), 1);
+  }
+}
+
+TEST(Request, FindsItsAnswerWhateverElseCameIn) {
+  using Verdict = mqtt::AckQueue::Verdict;
+  constexpr uint16_t k_requests = 400;
+  mqtt::AckQueue queue;
+  std::list<mqtt::AckQueue::Waiter> waiters;
+  const auto answer = [&](uint16_t first, uint16_t count) {
+    for (uint16_t i = 0; i < count; ++i)
+      queue.Enqueue({MsgType::PUBACK, static_cast<uint16_t>(first + i), nullptr});
+  };
+  for (int id = 1; id <= k_requests; ++id) waiters.emplace_back(queue, MsgType::PUBACK, id);
+  answer(1000, 300);
+  answer(1, k_requests);
+  answer(2000, 300);
+  mqtt::AckEvent event;
+  for (auto& waiter : waiters) {
+    mqtt::AckQueue::Look look;
+    do {
+      look = queue.Dequeue(waiter, event, 0);
+    } while (look.verdict == Verdict::kDropped || look.verdict == Verdict::kOthers);
+    ASSERT_EQ(look.verdict, Verdict::kMatch);
+    EXPECT_LT(look.queued, k_requests + mqtt::AckQueue::k_max_events);
   }
 }
 

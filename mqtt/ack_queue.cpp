@@ -141,7 +141,9 @@ AckQueue::Look AckQueue::Dequeue(Waiter& waiter, AckEvent& out, int64_t timeout_
     if (unseen != ack_event_l_.end()) return Judge(waiter, unseen, out);
     if (timed_out) {
       Look nothing;
-      nothing.queued = ack_event_l_.size();
+      nothing.queued = static_cast<size_t>(
+          std::count_if(ack_event_l_.begin(), ack_event_l_.end(),
+                        [&](const Entry& entry) { return entry.event.type != waiter.awaited_; }));
       return nothing;
     }
     const int64_t left_us = std::max<int64_t>(deadline_us - util::MonotonicUs(), 0);

@@ -81,7 +81,7 @@ class AckQueue {
     Verdict verdict = Verdict::kNothing;
     MsgType type = MsgType::RESERVED;
     uint16_t message_id = 0;
-    size_t queued = 0;       // events in the queue afterwards
+    size_t queued = 0;       // events in the queue afterwards; at kNothing those of other types alone
     util::Moment arrived{};  // of the event; zero when no request was there yet
   };
 

@@ -337,7 +337,7 @@ Result SelfMqttImpl::AwaitAck(AckQueue::Waiter& waiter, MsgType awaited, int mes
     const int64_t left_us = end_us() - util::MonotonicUs();
     const AckQueue::Look look = ack_event_q_.Dequeue(waiter, event, std::max<int64_t>(left_us, 0));
     if (look.verdict == AckQueue::Verdict::kNothing) {
-      if (look.queued == 0 || util::MonotonicUs() >= hard_end_us) LogNoAck(awaited, timeout_sec);
+      if (look.queued == 0 || end_us() == hard_end_us) LogNoAck(awaited, timeout_sec);
       return kFailure;
     }
     if (!quiet) {

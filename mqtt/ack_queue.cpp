@@ -45,7 +45,7 @@ AckQueue::Waiter::Waiter(AckQueue& queue, MsgType awaited, int message_id)
 
 AckQueue::Waiter::~Waiter() {
   const util::MutexLock lock(queue_.mutex_);
-  queue_.waiters_.remove(this);
+  queue_.Unregister(*this);
 }
 
 // For the requests of earlier sessions there is only the end.
@@ -59,11 +59,16 @@ void AckQueue::Enqueue(AckEvent event) {
   if (event.records != nullptr && !TypeIsAwaited(event.type)) DropProperties(*event.records);
   // For requests still to come any time in the past will do: no two looks at a clock for each message.
   const util::Moment arrived = waiters_.empty() ? util::Moment{} : util::Moment::Now();
-  const bool awaitable = CanBeAwaited(event.type);
-  const bool wakes = awaitable || debug;
-  const LaneSet lanes = wakes ? LanesToWake(event, debug) : LaneSet{};
   ack_event_l_.push_back({++last_number_, arrived, std::move(event)});
-  if (!awaitable) ++unawaited_count_;
+  Entry& entry = ack_event_l_.back();
+  const bool awaitable = CanBeAwaited(entry.event.type);
+  const bool wakes = awaitable || debug;
+  const LaneSet lanes = wakes ? LanesToWake(entry.event, debug) : LaneSet{};
+  if (awaitable) {
+    KeepForWaiter(entry);
+  } else {
+    ++unawaited_count_;
+  }
   DropOldest();
   if (!wakes) return;
   if (awaitable) return Announce(lock, lanes);
@@ -107,7 +112,32 @@ bool AckQueue::IsAwaited(const AckEvent& event) const {
                      [&](const Waiter* waiter) { return waiter->Awaits(event); });
 }
 
-// Makes room after one event was appended, or requests have gone, at the cost of what can be missed best.
+// The first that awaits it and has no answer yet.
+void AckQueue::KeepForWaiter(Entry& entry) {
+  const auto waiter = std::find_if(waiters_.begin(), waiters_.end(), [&](const Waiter* each) {
+    return each->answer_ == 0 && each->Awaits(entry.event);
+  });
+  if (waiter == waiters_.end()) return;
+  (*waiter)->answer_ = entry.number;
+  entry.kept_for = *waiter;
+  ++kept_count_;
+}
+
+// An answer that it leaves behind, because an older one was there for instance, is kept for another request
+// that awaits the same or is one event among the others.
+void AckQueue::Unregister(Waiter& waiter) {
+  waiters_.remove(&waiter);
+  if (waiter.answer_ == 0) return;
+  const auto answer = std::find_if(ack_event_l_.begin(), ack_event_l_.end(),
+                                   [&](const Entry& entry) { return entry.kept_for == &waiter; });
+  if (answer == ack_event_l_.end()) return;  // of an earlier session
+  answer->kept_for = nullptr;
+  --kept_count_;
+  KeepForWaiter(*answer);
+  DropOldest();
+}
+
+// Makes room for one event more that is not kept, at the cost of what can be missed best.
 void AckQueue::DropOldest() {
   if (unawaited_count_ > k_max_unawaited) {
     const auto oldest = std::find_if(ack_event_l_.begin(), ack_event_l_.end(),
@@ -115,10 +145,9 @@ void AckQueue::DropOldest() {
     ack_event_l_.erase(oldest);
     --unawaited_count_;
   }
-  while (ack_event_l_.size() > k_max_events + waiters_.size()) {
-    auto oldest = std::find_if(ack_event_l_.begin(), ack_event_l_.end(),
-                               [&](const Entry& entry) { return !IsAwaited(entry.event); });
-    if (oldest == ack_event_l_.end()) oldest = ack_event_l_.begin();  // the same answers over and over
+  if (ack_event_l_.size() - kept_count_ > k_max_events) {
+    const auto oldest = std::find_if(ack_event_l_.begin(), ack_event_l_.end(),
+                                     [](const Entry& entry) { return entry.kept_for == nullptr; });
     if (!CanBeAwaited(oldest->event.type)) --unawaited_count_;
     ack_event_l_.erase(oldest);
   }
@@ -170,7 +199,13 @@ AckQueue::Look AckQueue::Judge(Waiter& waiter, Entries::iterator entry, AckEvent
   }
   const bool stays = look.verdict == Verdict::kOthers || look.verdict == Verdict::kForeign;
   if (look.verdict == Verdict::kMatch) out = std::move(event);
-  if (!stays) ack_event_l_.erase(entry);  // what is taken can be awaited, so the other count stands
+  if (!stays) {  // what is taken can be awaited, so the other count stands
+    if (entry->kept_for != nullptr) {
+      entry->kept_for->answer_ = 0;
+      --kept_count_;
+    }
+    ack_event_l_.erase(entry);
+  }
   look.queued = ack_event_l_.size();
   return look;
 }
@@ -213,6 +248,7 @@ void AckQueue::Clear() {
   const util::MutexLock lock(mutex_);
   ack_event_l_.clear();
   unawaited_count_ = 0;
+  kept_count_ = 0;
   ++session_;
   for (Lane& lane : lanes_) lane.cond.Broadcast();
 }

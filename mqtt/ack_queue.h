@@ -37,8 +37,8 @@ class AckQueue {
  public:
   /// Events that no request can wait for (PUBLISH, say) are kept up to this many,
   static constexpr size_t k_max_unawaited = 64;
-  /// and all events together up to this many and one for each request in flight. The oldest go first, an
-  /// answer that a request awaits after all others.
+  /// and all together up to this many beside the answers that requests await; the oldest go first. Of an
+  /// answer that comes more than once only one is awaited.
   static constexpr size_t k_max_events = 256;
   /// Who waits does so on a lane, so that one acknowledgement does not wake all. More waiters than lanes only
   /// wake one another up. The first lane is for those who await nothing of the queue but news.
@@ -66,6 +66,7 @@ class AckQueue {
     size_t lane_ = 0;       // the same as long as it lives
     uint64_t session_ = 0;  // the queue's when it was registered
     uint64_t seen_ = 0;     // number of the newest event looked at; its own thread's alone
+    uint64_t answer_ = 0;   // number of the event kept for it; 0: none came in
   };
 
   /// What a look at the next event told.
@@ -116,6 +117,7 @@ class AckQueue {
     uint64_t number;
     util::Moment arrived;
     AckEvent event;
+    Waiter* kept_for = nullptr;  // that request's `answer_`: stays however many more come in
   };
   using Entries = std::list<Entry>;
 
@@ -126,6 +128,8 @@ class AckQueue {
   void Wake(LaneSet lanes);
   bool TypeIsAwaited(MsgType type) const;
   bool IsAwaited(const AckEvent& event) const;
+  void KeepForWaiter(Entry& entry);
+  void Unregister(Waiter& waiter);
   void DropOldest();
   Look Judge(Waiter& waiter, Entries::iterator entry, AckEvent& out);
 
@@ -142,6 +146,7 @@ class AckQueue {
   std::list<Waiter*> waiters_;  // requests in flight
   uint64_t last_number_ = 0;    // of the newest event
   size_t unawaited_count_ = 0;  // events that no request can wait for
+  size_t kept_count_ = 0;       // events kept for requests in flight
 };
 
 }  // namespace zeb::mqtt

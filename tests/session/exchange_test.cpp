@@ -129,10 +129,14 @@ TEST(Request, EndsUnderAFloodOfOtherAnswers) {
     line_ms = 1;  // so that new ones come faster than it looks at them
     const double took = Seconds([&] {
       auto published = session.PublishAsync(1);
+      ASSERT_TRUE(log.WaitFor("Before dequeue during"));
       const int64_t end_us = util::MonotonicUs() + static_cast<int64_t>(flood.flood_s * 1e6);
       for (; util::MonotonicUs() < end_us && !IsReady(published); ::poll(nullptr, 0, 1))
         for (int i = 0; i < 10; ++i) queue.Enqueue({MsgType::PUBACK, 9, nullptr});
-      if (flood.before_one) queue.Enqueue({MsgType::PUBLISH, 0, nullptr});
+      if (flood.before_one) {
+        queue.Enqueue({MsgType::PUBACK, 9, nullptr});  // for the next one to be charged with nothing
+        queue.Enqueue({MsgType::PUBLISH, 0, nullptr});
+      }
       EXPECT_EQ(published.get(), kFailure);
     });
     line_ms = 0;
@@ -142,27 +146,47 @@ TEST(Request, EndsUnderAFloodOfOtherAnswers) {
 }
 
 TEST(Request, FindsItsAnswerWhateverElseCameIn) {
-  using Verdict = mqtt::AckQueue::Verdict;
-  constexpr uint16_t k_requests = 400;
-  mqtt::AckQueue queue;
-  std::list<mqtt::AckQueue::Waiter> waiters;
-  const auto answer = [&](uint16_t first, uint16_t count) {
-    for (uint16_t i = 0; i < count; ++i)
-      queue.Enqueue({MsgType::PUBACK, static_cast<uint16_t>(first + i), nullptr});
-  };
+  using Queue = mqtt::AckQueue;
+  constexpr int k_requests = 400;
+  Queue queue;
+  std::list<Queue::Waiter> waiters;
   for (int id = 1; id <= k_requests; ++id) waiters.emplace_back(queue, MsgType::PUBACK, id);
-  answer(1000, 300);
-  answer(1, k_requests);
-  answer(2000, 300);
-  mqtt::AckEvent event;
-  for (auto& waiter : waiters) {
-    mqtt::AckQueue::Look look;
+  Queue::Waiter release(queue, MsgType::PUBCOMP, 1);
+  const auto answer = [&](int first, int count) {
+    for (int id = first; id < first + count; ++id)
+      queue.Enqueue({MsgType::PUBACK, static_cast<uint16_t>(id), nullptr});
+  };
+  const auto look_through = [&](Queue::Waiter& waiter) {
+    Queue::Look look;
+    mqtt::AckEvent event;
     do {
       look = queue.Dequeue(waiter, event, 0);
-    } while (look.verdict == Verdict::kDropped || look.verdict == Verdict::kOthers);
-    ASSERT_EQ(look.verdict, Verdict::kMatch);
-    EXPECT_LT(look.queued, k_requests + mqtt::AckQueue::k_max_events);
+    } while (look.verdict != Queue::Verdict::kNothing && look.verdict != Queue::Verdict::kMatch &&
+             look.verdict != Queue::Verdict::kEnd);
+    return look;
+  };
+  answer(1000, 300);
+  answer(1, k_requests / 2);
+  for (int again = 0; again < 300; ++again) answer(1, 1);
+  answer(k_requests / 2 + 1, k_requests / 2);
+  answer(2000, 300);
+  for (int again = 0; again < 300; ++again) answer(k_requests, 1);
+  queue.Enqueue({});
+  EXPECT_EQ(look_through(release).verdict, Queue::Verdict::kEnd);
+  for (auto& waiter : waiters) {
+    const Queue::Look look = look_through(waiter);
+    ASSERT_EQ(look.verdict, Queue::Verdict::kMatch);
+    EXPECT_LT(look.queued, k_requests + Queue::k_max_events);
   }
+  waiters.clear();
+  answer(1, Queue::k_max_events);
+  for (int id = 1; id <= static_cast<int>(Queue::k_max_events); ++id) {
+    Queue::Waiter late(queue, MsgType::PUBACK, id);
+    answer(id, 1);  // once more, and left behind
+    EXPECT_EQ(look_through(late).verdict, Queue::Verdict::kMatch);
+  }
+  answer(1000, 300);
+  EXPECT_EQ(look_through(release).queued, Queue::k_max_events);
 }
 
 TEST(Request, ThatOutlivesItsSessionLeavesTheNextOneItsAnswers) {

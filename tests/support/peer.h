@@ -37,7 +37,7 @@ struct SelfMqttImplPeer {
   static std::vector<QueuedEvent> QueuedEvents(SelfMqttImpl& client) {
     const util::MutexLock lock(client.ack_event_q_.mutex_);
     std::vector<QueuedEvent> events;
-    for (const auto& [number, arrived_us, event] : client.ack_event_q_.ack_event_l_)
+    for (const auto& [number, arrived_us, event, kept_for] : client.ack_event_q_.ack_event_l_)
       events.push_back(
           {event.records != nullptr ? *event.records : AckRecords(), event.type, event.message_id});
     return events;

@@ -12,6 +12,8 @@ set(rules
 set(application_folders examples tools)
 set(application_forbids "^(mqtt|util|platform|tests)/")
 set(application_header "mqtt/mqtt_wrapper.h")
+# The codec sees the public records and itself.
+set(codec_may "^mqtt/(codec/|mqtt_wrapper[.]h$)")
 set(openssl_folders "^(platform/linux|tests|benchmarks/compare)/")
 
 set(looked_at "")
@@ -45,6 +47,9 @@ foreach(folder IN ITEMS mqtt util platform tools examples tests fuzz benchmarks)
       set(application_exception FALSE)
       if(folder IN_LIST application_folders AND included STREQUAL application_header)
         set(application_exception TRUE)
+      endif()
+      if(path MATCHES "^mqtt/codec/" AND included MATCHES "^mqtt/" AND NOT included MATCHES "${codec_may}")
+        list(APPEND faults "${path} includes ${included}: the codec knows nobody")
       endif()
       if(forbidden AND included MATCHES "${forbidden}" AND NOT application_exception)
         list(APPEND faults "${path} includes ${included}: the wrong way round")

@@ -6,14 +6,12 @@
 #include <list>
 #include <memory>
 
-#include "mqtt/mqtt_wrapper.h"
+#include "mqtt/codec/codec.h"
 #include "util/boot_clock.h"
 #include "util/condition.h"
 #include "util/mutex.h"
 
 namespace zeb::mqtt {
-
-using MsgType = MqttWrapper::MessageType;
 
 /// What three of the acknowledgements tell beyond their type and identifier.
 struct AckRecords {

@@ -5,7 +5,7 @@
 #include <utility>
 
 #include "mqtt/client_log.h"
-#include "mqtt/packet_reader.h"
+#include "mqtt/codec/packet_reader.h"
 #include "mqtt/self_mqtt_impl.h"
 #include "util/boot_clock.h"
 
@@ -16,7 +16,6 @@ namespace {
 constexpr char kDecodePacket[] = "int zeb::mqtt::SelfMqttImpl::DecodePacket(uint8_t*, size_t)";
 
 constexpr size_t kMinPacket = 2;  // bytes: type and a remaining length of 0
-constexpr int kMaxLengthBytes = 4;
 constexpr int kNoCode = -1;
 
 }  // namespace
@@ -87,19 +86,16 @@ int SelfMqttImpl::DecodePackets(const uint8_t* buf, size_t len) {
 int SelfMqttImpl::DecodePacket(const uint8_t* buf, size_t len) {
   if (buf == nullptr) return -1;
   if (len < kMinPacket) return 0;
-  int remaining_length = 0;
-  const int length_bytes = DecodeVbi(buf + 1, static_cast<unsigned int>(len - 1), remaining_length);
-  const size_t header_length = 1 + static_cast<size_t>(length_bytes);
-  const bool length_ends = (buf[length_bytes] & 0x80) == 0 || length_bytes == kMaxLengthBytes;
-  if (!length_ends || static_cast<size_t>(remaining_length) > len - header_length) {
+  const FixedHeader header = DecodeFixedHeader(buf, len);
+  if (!header.CompleteWithin(len)) {
     CLIENT_LOG_AS(kDecodePacket, LOG_DEBUG, "p [%p] remain_len [%d] b [%p] l [%zd]\n",
-                  static_cast<const void*>(buf + header_length), remaining_length,
+                  static_cast<const void*>(buf + header.size), header.remaining_length,
                   static_cast<const void*>(buf), static_cast<ssize_t>(len));
     return 0;
   }
-  InboundPacket packet(buf, header_length, remaining_length);
+  InboundPacket packet(buf, header.size, header.remaining_length);
   CLIENT_LOG_AS(kDecodePacket, LOG_DEBUG, "%s remain_len %d qos %u\n",
-                MqttWrapper::GetMsgTypeInStr(packet.type).c_str(), remaining_length, packet.qos);
+                MqttWrapper::GetMsgTypeInStr(packet.type).c_str(), packet.remaining_length, packet.qos);
   if (packet.type == MsgType::RESERVED) {
     CLIENT_LOG_AS(kDecodePacket, LOG_ERR, "Serious parsing error\n");
     return 0;

@@ -99,12 +99,9 @@ void SelfMqttImpl::DecodeReceived(RecvLoop& loop, int rs) {
 int SelfMqttImpl::DropRefused(const uint8_t* buf, int len) const {
   constexpr int k_min_packet = 2;
   if (stop_requested_ || len < k_min_packet || buf[0] >> 4 != 0) return 0;
-  int remaining_length = 0;
-  const int length_bytes = DecodeVbi(buf + 1, static_cast<unsigned int>(len - 1), remaining_length);
-  const bool unfinished =
-      (buf[length_bytes] & 0x80) != 0 && length_bytes < static_cast<int>(PacketWriter::k_max_vbi);
-  if (unfinished || remaining_length > len - 1 - length_bytes) return 0;
-  return 1 + length_bytes + remaining_length;
+  const FixedHeader header = DecodeFixedHeader(buf, static_cast<size_t>(len));
+  if (!header.CompleteWithin(static_cast<size_t>(len))) return 0;
+  return static_cast<int>(header.size) + header.remaining_length;
 }
 
 }  // namespace zeb::mqtt

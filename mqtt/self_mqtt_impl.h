@@ -16,9 +16,8 @@
 #include <thread>
 
 #include "mqtt/ack_queue.h"
+#include "mqtt/codec/codec.h"
 #include "mqtt/mqtt_wrapper.h"
-#include "mqtt/packet_writer.h"
-#include "mqtt/property_id.h"
 #include "util/condition.h"
 #include "util/mutex.h"
 #include "util/network_manager.h"
@@ -30,12 +29,10 @@
 
 namespace zeb::mqtt {
 
-class SelfMqttImpl {
+class SelfMqttImpl : public Codec {
  public:
   using ConnectOption = MqttWrapper::ConnectOption;
   using ConnectAck = MqttWrapper::ConnectAck;
-  using PairedString = MqttWrapper::PairedString;
-  using Properties = MqttWrapper::Properties;
   using PublishMessage = MqttWrapper::PublishMessage;
 
   // ---- self_mqtt_impl.cpp: life, status, settings. Any thread.
@@ -50,34 +47,6 @@ class SelfMqttImpl {
   Result SetPubAckUserProperties(std::list<PairedString>& user_property);
   Result SetPubRecUserProperties(std::list<PairedString>& user_property);
   Result SetPubCompUserProperties(std::list<PairedString>& user_property);
-
-  // ---- wire_primitives.cpp: bytes in place; no state, any thread.
-  static int EncodeVbi(unsigned char* buf, unsigned int value);
-  static int EncodeFixedHeader(unsigned char* buf, unsigned int remaining_length, MsgType type, bool retain,
-                               unsigned char qos, bool duplicate);
-  static int EncodeString(unsigned char* buf, const std::string& text);
-  static int DecodeVbi(const unsigned char* buf, unsigned int available, int& value);
-  /// The decoders never read past `available`; what does not stand there whole moves nothing and returns 0.
-  static int DecodeString(const unsigned char* buf, size_t available, std::string& text);
-  static int DecodePairedString(const unsigned char* buf, size_t available, PairedString& pair);
-  /// Total length of the packet at `buf`; 0 when its length field does not end within `available`.
-  static int GetPacketLength(const unsigned char* buf, unsigned int available);
-
-  // ---- property_codec.cpp: MQTT 5.0 properties; no state, any thread.
-  /// Each writes one property at `buf` and returns the bytes written; a null `buf` gives -1 (the pair: 0).
-  static int EncodeProperty(uint8_t* buf, PairedString& pair, uint8_t identifier);
-  static int EncodeProperty(uint8_t* buf, uint32_t value, uint8_t identifier);
-  static int EncodeProperty(uint8_t* buf, uint16_t value, uint8_t identifier);
-  static int EncodeProperty(uint8_t* buf, bool value, uint8_t identifier);
-  static int EncodeProperty(uint8_t* buf, std::string& value, uint8_t identifier);
-  /// The same through a writer, which refuses what does not fit.
-  static void AppendProperty(PacketWriter& body, PairedString& pair, PropertyId identifier);
-  static void AppendProperty(PacketWriter& body, uint32_t value, PropertyId identifier);
-  static void AppendProperty(PacketWriter& body, uint16_t value, PropertyId identifier);
-  static void AppendProperty(PacketWriter& body, bool value, PropertyId identifier);
-  static void AppendProperty(PacketWriter& body, std::string& value, PropertyId identifier);
-  /// Reads a property block of at most `len` bytes; returns its declared size, whatever became of it.
-  static int DecodeProperties(const uint8_t* buf, size_t len, MsgType type, Properties& properties);
 
   // ---- packet_decoder.cpp: inbound packets. Receive thread.
   /// Decodes the complete packets at the front of `buf`; returns the bytes used up.

@@ -2,10 +2,8 @@
 #include <algorithm>
 #include <utility>
 
-#include "mqtt/packet_reader.h"
-#include "mqtt/packet_writer.h"
-#include "mqtt/property_id.h"
-#include "mqtt/self_mqtt_impl.h"
+#include "mqtt/codec/codec.h"
+#include "mqtt/codec/packet_reader.h"
 #include "util/log.h"
 
 namespace zeb::mqtt {
@@ -117,7 +115,7 @@ int LogInteger(const char* function, uint8_t identifier, Integer value, uint8_t*
 
 }  // namespace
 
-int SelfMqttImpl::EncodeProperty(uint8_t* buf, PairedString& pair, uint8_t identifier) {
+int Codec::EncodeProperty(uint8_t* buf, PairedString& pair, uint8_t identifier) {
   if (buf == nullptr || pair.key.empty() || pair.val.empty()) return 0;
   PacketWriter writer(buf, kIdentifier + 2 * kStringLength + pair.key.size() + pair.val.size());
   writer.AppendVbi(identifier);
@@ -129,7 +127,7 @@ int SelfMqttImpl::EncodeProperty(uint8_t* buf, PairedString& pair, uint8_t ident
   return length;
 }
 
-int SelfMqttImpl::EncodeProperty(uint8_t* buf, uint32_t value, uint8_t identifier) {
+int Codec::EncodeProperty(uint8_t* buf, uint32_t value, uint8_t identifier) {
   if (buf == nullptr) return -1;
   PacketWriter writer(buf, kIdentifier + sizeof value);
   writer.AppendVbi(identifier);
@@ -137,7 +135,7 @@ int SelfMqttImpl::EncodeProperty(uint8_t* buf, uint32_t value, uint8_t identifie
   return LogInteger(kEncodeUint32, identifier, value, buf, writer);
 }
 
-int SelfMqttImpl::EncodeProperty(uint8_t* buf, uint16_t value, uint8_t identifier) {
+int Codec::EncodeProperty(uint8_t* buf, uint16_t value, uint8_t identifier) {
   if (buf == nullptr) return -1;
   PacketWriter writer(buf, kIdentifier + sizeof value);
   writer.AppendVbi(identifier);
@@ -145,7 +143,7 @@ int SelfMqttImpl::EncodeProperty(uint8_t* buf, uint16_t value, uint8_t identifie
   return LogInteger(kEncodeUint16, identifier, value, buf, writer);
 }
 
-int SelfMqttImpl::EncodeProperty(uint8_t* buf, bool value, uint8_t identifier) {
+int Codec::EncodeProperty(uint8_t* buf, bool value, uint8_t identifier) {
   if (buf == nullptr) return -1;
   PacketWriter writer(buf, kIdentifier + 1);
   writer.AppendVbi(identifier);
@@ -156,7 +154,7 @@ int SelfMqttImpl::EncodeProperty(uint8_t* buf, bool value, uint8_t identifier) {
   return length;
 }
 
-int SelfMqttImpl::EncodeProperty(uint8_t* buf, std::string& value, uint8_t identifier) {
+int Codec::EncodeProperty(uint8_t* buf, std::string& value, uint8_t identifier) {
   if (buf == nullptr) return -1;
   PacketWriter writer(buf, kIdentifier + kStringLength + value.size());
   writer.AppendVbi(identifier);
@@ -169,7 +167,7 @@ int SelfMqttImpl::EncodeProperty(uint8_t* buf, std::string& value, uint8_t ident
 
 // The writer gives a place only to what fits: past the end EncodeProperty gets none and writes nothing. A
 // string that the wire cannot tell is left to the writer alone, which then refuses the whole body.
-void SelfMqttImpl::AppendProperty(PacketWriter& body, PairedString& pair, PropertyId identifier) {
+void Codec::AppendProperty(PacketWriter& body, PairedString& pair, PropertyId identifier) {
   if (pair.key.empty() || pair.val.empty()) return;
   body.CheckString(pair.key);
   body.CheckString(pair.val);
@@ -177,25 +175,25 @@ void SelfMqttImpl::AppendProperty(PacketWriter& body, PairedString& pair, Proper
   (void)EncodeProperty(place, pair, static_cast<uint8_t>(identifier));
 }
 
-void SelfMqttImpl::AppendProperty(PacketWriter& body, uint32_t value, PropertyId identifier) {
+void Codec::AppendProperty(PacketWriter& body, uint32_t value, PropertyId identifier) {
   (void)EncodeProperty(body.Reserve(kIdentifier + sizeof value), value, static_cast<uint8_t>(identifier));
 }
 
-void SelfMqttImpl::AppendProperty(PacketWriter& body, uint16_t value, PropertyId identifier) {
+void Codec::AppendProperty(PacketWriter& body, uint16_t value, PropertyId identifier) {
   (void)EncodeProperty(body.Reserve(kIdentifier + sizeof value), value, static_cast<uint8_t>(identifier));
 }
 
-void SelfMqttImpl::AppendProperty(PacketWriter& body, bool value, PropertyId identifier) {
+void Codec::AppendProperty(PacketWriter& body, bool value, PropertyId identifier) {
   (void)EncodeProperty(body.Reserve(kIdentifier + 1), value, static_cast<uint8_t>(identifier));
 }
 
-void SelfMqttImpl::AppendProperty(PacketWriter& body, std::string& value, PropertyId identifier) {
+void Codec::AppendProperty(PacketWriter& body, std::string& value, PropertyId identifier) {
   body.CheckString(value);
   uint8_t* place = body.Reserve(kIdentifier + kStringLength + value.size());
   (void)EncodeProperty(place, value, static_cast<uint8_t>(identifier));
 }
 
-int SelfMqttImpl::DecodeProperties(const uint8_t* buf, size_t len, MsgType type, Properties& properties) {
+int Codec::DecodeProperties(const uint8_t* buf, size_t len, MsgType type, Properties& properties) {
   if (len == 0) return 0;
   int length = 0;
   const int length_bytes = DecodeVbi(buf, static_cast<unsigned int>(len), length);

@@ -1,6 +1,5 @@
 // Decodes inbound packets: reports acknowledgements, answers the broker's QoS handshakes, delivers messages.
 // Runs on the receive thread only.
-#include <algorithm>
 #include <exception>
 #include <utility>
 
@@ -167,13 +166,11 @@ void SelfMqttImpl::DecodePubAck(InboundPacket& packet, AckEvent& event) const {
 
 bool SelfMqttImpl::DecodePubRel(InboundPacket& packet, AckEvent& event) {
   DecodePubAck(packet, event);
-  const bool known = TakeRelease(event.message_id);
+  const bool known = inbound_.Release(event.message_id);
   if (known) {
     auto user_property = AckUserProperties(pubcomp_user_property_);
-    // Lost, it makes the broker send PUBREL again, in its next session at the latest.
+    // The broker sends PUBREL again if this does not reach it.
     (void)PublishResponse(MsgType::PUBCOMP, event.message_id, 0, user_property);
-    released_now_.push_back(event.message_id);
-    if (released_now_.size() > k_max_released) released_now_.pop_front();
   } else {
     for (const int priority : {LOG_WARNING, LOG_ERR}) {
       ZEB_LOG_AS(kDecodePacket, priority, "Cannot find message_id [%u] in recv_publish_msg_l\n",
@@ -182,30 +179,6 @@ bool SelfMqttImpl::DecodePubRel(InboundPacket& packet, AckEvent& event) {
   }
   packet.CheckPosition();
   return !known;
-}
-
-// Whether the broker owes us this PUBREL: for a PUBLISH that we keep, or once more from the session before.
-bool SelfMqttImpl::TakeRelease(uint16_t message_id) {
-  const auto record = std::find_if(recv_publish_msg_l.begin(), recv_publish_msg_l.end(),
-                                   [&](const RecvPublishMsg& kept) { return kept.message_id == message_id; });
-  if (record == recv_publish_msg_l.end()) return ForgetRelease(message_id);
-  recv_publish_msg_l.erase(record);
-  return true;
-}
-
-// True when a PUBCOMP for the identifier went out in an earlier session, and none since.
-bool SelfMqttImpl::ForgetRelease(uint16_t message_id) {
-  const auto released = std::find(released_before_.begin(), released_before_.end(), message_id);
-  if (released == released_before_.end()) return false;
-  released_before_.erase(released);
-  return true;
-}
-
-// With a new session, what was released in the last one is what the broker may ask for again.
-void SelfMqttImpl::KeepReleases() {
-  released_before_.insert(released_before_.end(), released_now_.begin(), released_now_.end());
-  released_now_.clear();
-  while (released_before_.size() > k_max_released) released_before_.pop_front();
 }
 
 bool SelfMqttImpl::DecodeSubAck(InboundPacket& packet, AckEvent& event) const {
@@ -292,10 +265,7 @@ void SelfMqttImpl::AnswerPublish(const InboundPacket& packet, const PublishMessa
   }
   auto user_property = AckUserProperties(pubrec_user_property_);
   (void)PublishResponse(MsgType::PUBREC, message.message_id, 0, user_property);
-  if (packet.qos != 2) return;
-  (void)ForgetRelease(message.message_id);  // the identifier is used anew
-  recv_publish_msg_l.push_back({message.message_id, util::BootTimeUs()});
-  if (recv_publish_msg_l.size() > k_max_recv_publish) recv_publish_msg_l.pop_front();
+  if (packet.qos == 2) inbound_.Add(message.message_id, util::BootTimeUs());
 }
 
 void SelfMqttImpl::DeliverMessage(PublishMessage& message) {

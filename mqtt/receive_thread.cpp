@@ -138,7 +138,6 @@ bool SelfMqttImpl::SetUpRecvLoop(RecvLoop& loop) {
                               loop.socket != nullptr ? loop.socket->GetFd() : -1);
   left_buf_size_ = 0;
   extra_packet_size_ = 0;
-  KeepReleases();
   loop.rx_buf = util::MapZeroedPages(static_cast<size_t>(k_max_rx_buf_));
   if (loop.rx_buf == nullptr) {
     CLIENT_LOG_AS(kRecvThread, LOG_DEBUG, "Cannot alloc receive buf");
@@ -252,10 +251,8 @@ int SelfMqttImpl::WaitLimitMs(const RecvLoop& loop) const {
 }
 
 void SelfMqttImpl::CheckOverdue(int64_t overdue_us) const {
-  if (recv_publish_msg_l.empty()) return;
-  const int64_t now_us = util::BootTimeUs();
-  for (const RecvPublishMsg& kept : recv_publish_msg_l) {
-    if (now_us - kept.recv_time <= overdue_us) continue;
+  if (inbound_.empty()) return;
+  for (int64_t left = inbound_.CountOverdue(util::BootTimeUs(), overdue_us); left > 0; --left) {
     CLIENT_LOG_AS(kRecvThread, LOG_ERR, "Cannot get PUBCOMP message during %jd useconds",
                   static_cast<intmax_t>(overdue_us));
   }

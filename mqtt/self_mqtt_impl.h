@@ -17,6 +17,7 @@
 
 #include "mqtt/ack_queue.h"
 #include "mqtt/codec/codec.h"
+#include "mqtt/inbound_qos2.h"
 #include "mqtt/mqtt_wrapper.h"
 #include "util/condition.h"
 #include "util/mutex.h"
@@ -95,14 +96,6 @@ class SelfMqttImpl : public Codec {
 
   struct RecvLoop;       // receive_thread.cpp: what lives as long as one receive thread
   struct InboundPacket;  // packet_decoder.cpp: one packet being decoded
-  /// An inbound QoS 2 message whose PUBREL is still due. Without its text, which has been delivered: a broker
-  /// that never sends PUBREL must not fill the memory.
-  struct RecvPublishMsg {
-    uint16_t message_id = 0;
-    int64_t recv_time = 0;  // microseconds of CLOCK_BOOTTIME
-  };
-  static constexpr size_t k_max_recv_publish =
-      65535;  // there are no more identifiers: the oldest is a stale one
 
   enum Status : int32_t { kIdle = 0, kSocketConnected = 1, kSessionEstablished = 2, kDisconnected = 3 };
   enum DisReason : int32_t { kNoReason = 0, kPeerClosed = 1, kNetworkFailure = 2, kKeepAliveFailure = 3 };
@@ -185,9 +178,6 @@ class SelfMqttImpl : public Codec {
   void AnswerPublish(const InboundPacket& packet, const PublishMessage& message);
   void DecodePubAck(InboundPacket& packet, AckEvent& event) const;
   bool DecodePubRel(InboundPacket& packet, AckEvent& event);
-  bool TakeRelease(uint16_t message_id);
-  bool ForgetRelease(uint16_t message_id);
-  void KeepReleases();
   bool DecodeSubAck(InboundPacket& packet, AckEvent& event) const;
   bool DecodePingResp(InboundPacket& packet);
   bool DecodeDisconnect(InboundPacket& packet);
@@ -290,14 +280,7 @@ class SelfMqttImpl : public Codec {
   std::list<PairedString> puback_user_property_;   // option_mutex_
   std::list<PairedString> pubrec_user_property_;   // option_mutex_
   std::list<PairedString> pubcomp_user_property_;  // option_mutex_
-  std::list<RecvPublishMsg> recv_publish_msg_l;    // receive thread; survives a restart
-
-  // Identifiers whose PUBCOMP went out in this session and in those before, newest last; receive thread. A
-  // broker that lost one with the connection repeats its PUBREL in the next session: left unanswered it would
-  // hold a place in the broker's window for ever.
-  static constexpr size_t k_max_released = 256;
-  std::deque<uint16_t> released_now_;
-  std::deque<uint16_t> released_before_;
+  InboundQos2 inbound_;                            // receive thread; survives a restart
 
   // What several requests and a stop from anywhere need beyond that.
   mutable util::Mutex option_mutex_;  // option_, tag_, the three lists

@@ -45,7 +45,7 @@ struct SelfMqttImplPeer {
   /// Whether the receive thread is to go on.
   static std::atomic<bool>& KeepThread(SelfMqttImpl& client) { return client.keep_thread_; }
   /// Inbound QoS 2 messages whose PUBREL is still due, oldest first. On the receive thread, or without one.
-  static const auto& DueReleases(const SelfMqttImpl& client) { return client.recv_publish_msg_l; }
+  static const auto& DueReleases(const SelfMqttImpl& client) { return client.inbound_.records(); }
   static int SocketFd(const SelfMqttImpl& client) {
     const auto socket = client.SharedSocket();
     return socket != nullptr ? socket->GetFd() : -1;

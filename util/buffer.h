@@ -7,22 +7,22 @@
 
 namespace zeb::util {
 
-/// Bytes of any value, zeros included. Copies are deep. Not synchronised: one thread at a time.
+/// Holds arbitrary bytes, zeros included. A copy has its own bytes. Not thread-safe.
 class Buffer {
  public:
   Buffer() = default;
-  /// Copies `length` bytes from `data`; `data` may be null when `length` is 0.
+  /// Copies `length` bytes from `data`, which may be null if `length` is 0.
   Buffer(const void* data, size_t length) { Assign(data, length); }
 
-  /// Replaces the content by a copy of `length` bytes at `data`.
+  /// Replaces the content with a copy of the `length` bytes at `data`.
   void Assign(const void* data, size_t length) {
     const auto* first = static_cast<const uint8_t*>(data);
     length == 0 ? bytes_.clear() : bytes_.assign(first, first + length);
   }
 
-  /// First byte, or null when the buffer is empty.
+  /// The first byte, or null if the buffer is empty.
   [[nodiscard]] const uint8_t* data() const { return bytes_.empty() ? nullptr : bytes_.data(); }
-  /// Number of bytes held.
+  /// The number of bytes.
   [[nodiscard]] size_t length() const { return bytes_.size(); }
 
   /// Compares the bytes.

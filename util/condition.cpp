@@ -1,4 +1,4 @@
-// The monotonic condition variable's construction and its timed wait. Any thread.
+// Construction and timed wait of the condition variable. Any thread.
 #include "util/condition.h"
 
 #include <algorithm>
@@ -23,7 +23,7 @@ timespec DeadlineAfter(const timespec& now, int64_t timeout_us) {
     nanoseconds -= 1'000'000'000;
   }
   timespec deadline{};
-  // Where time_t has 32 bits a long time-out would end in the past.
+  // With a 32-bit time_t, a long time-out would otherwise overflow into the past.
   deadline.tv_sec = static_cast<time_t>(std::min<int64_t>(seconds, std::numeric_limits<time_t>::max()));
   deadline.tv_nsec = static_cast<decltype(deadline.tv_nsec)>(nanoseconds);
   return deadline;

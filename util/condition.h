@@ -1,4 +1,4 @@
-// A condition variable whose deadlines run on the monotonic clock.
+// A condition variable whose deadlines use the monotonic clock. Any thread.
 #pragma once
 
 #include <pthread.h>
@@ -11,24 +11,24 @@
 
 namespace zeb::util {
 
-/// Changes of the wall clock never move a deadline; while the device is suspended the clock stands still.
+/// Changes to the wall clock never move a deadline, and time spent in suspend does not count.
 class Condition {
  public:
-  /// A non-empty `name` is echoed into the kernel log at each wait.
+  /// A non-empty `name` is written to the kernel log at each timed wait.
   explicit Condition(std::string name = {});
   ~Condition();
   Condition(const Condition&) = delete;
   Condition& operator=(const Condition&) = delete;
 
-  /// Waits once, with `mutex` locked by the caller, for at most `timeout_us` microseconds (0 or more).
-  /// `kTimeout` when the deadline passed, `kSuccess` for every wake-up, a spurious one included: what a
-  /// wake-up means is for the caller to look up.
+  /// Waits once, for at most `timeout_us` microseconds (0 or more). The caller holds `mutex`. Returns
+  /// `kTimeout` if the deadline passed, and `kSuccess` after every wake-up, including spurious ones: the
+  /// caller must check its condition.
   Result WaitUntil(Mutex& mutex, int64_t timeout_us);
 
-  /// Waits once, without a deadline.
+  /// Waits once, without a deadline. The caller holds `mutex`.
   void Wait(Mutex& mutex) { ::pthread_cond_wait(&cond_, &mutex.mutex_); }
 
-  /// Wakes every waiter.
+  /// Wakes all waiters.
   void Broadcast() { ::pthread_cond_broadcast(&cond_); }
 
  private:

@@ -1,4 +1,4 @@
-// Marks what the shared library exports; everything else is built with hidden visibility.
+// Marks the symbols that the shared library exports. All others are hidden.
 #pragma once
 
 #define ZEB_API __attribute__((visibility("default")))

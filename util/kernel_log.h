@@ -1,4 +1,5 @@
-// Echoes a line into the kernel log, where it stands between the kernel's own suspend and resume lines.
+// Writes lines to the kernel log, where they appear among the kernel's suspend and resume messages. Any
+// thread.
 #pragma once
 
 #include <cstdio>
@@ -6,16 +7,16 @@
 
 namespace zeb::util {
 
-/// Whether the kernel log can be written: /dev/kmsg is a character device and this process may write it.
+/// Whether /dev/kmsg is a character device that this process may write to.
 bool KernelLogWritable();
 
-/// Runs a shell command of the form `echo "..." > /dev/kmsg`, silently: nothing reaches the standard
-/// streams, and a failure is ignored. Blocks for one shell. Call only when KernelLogWritable().
+/// Runs a shell command of the form `echo "..." > /dev/kmsg` and waits for the shell to end. Prints nothing
+/// to the standard streams and ignores failures. Call only if KernelLogWritable().
 void RunKernelLogEcho(const char* command);
 
 }  // namespace zeb::util
 
-/// `format` wraps the line in an echo to /dev/kmsg; nothing runs where the kernel log cannot be written.
+/// `format` is the whole command, `echo "..." > /dev/kmsg`. Runs nothing if the kernel log is not writable.
 #define ZEB_KERNEL_LOG_ECHO(format, ...)                                  \
   do {                                                                    \
     if (::zeb::util::KernelLogWritable()) {                               \

@@ -1,11 +1,11 @@
-// A plain mutex and its scoped lock.
+// A mutex and its scoped lock. Any thread.
 #pragma once
 
 #include <pthread.h>
 
 namespace zeb::util {
 
-/// Non-recursive, default attributes.
+/// A non-recursive mutex.
 class Mutex {
  public:
   Mutex() { ::pthread_mutex_init(&mutex_, nullptr); }
@@ -14,7 +14,7 @@ class Mutex {
   Mutex& operator=(const Mutex&) = delete;
 
   void Lock() { ::pthread_mutex_lock(&mutex_); }
-  /// Whether the mutex was free, and is locked now.
+  /// Locks the mutex if it is free. Returns whether it did.
   bool TryLock() { return ::pthread_mutex_trylock(&mutex_) == 0; }
   void Unlock() { ::pthread_mutex_unlock(&mutex_); }
 
@@ -31,7 +31,7 @@ class MutexLock {
   MutexLock(const MutexLock&) = delete;
   MutexLock& operator=(const MutexLock&) = delete;
 
-  /// Gives the mutex up early; at most once has an effect.
+  /// Releases the mutex early. Further calls have no effect.
   void Unlock() {
     if (mutex_ == nullptr) return;
     mutex_->Unlock();

@@ -6,21 +6,21 @@
 
 namespace zeb::psm {
 
-/// While a lock of any name is held the device does not suspend. Any thread; locks do not nest.
+/// While a lock is held, the device does not suspend (but see Backend). Locks do not nest. Any thread.
 class PsmManager {
  public:
   enum class Backend {
-    kKernel,  ///< the system's own wake locks: what is locked here keeps the device awake
-    kMemory,  ///< the names are only kept: whether the device suspends is decided elsewhere
+    kKernel,  ///< the kernel's wake locks, which keep the device awake
+    kMemory,  ///< the names are only remembered; suspend is controlled elsewhere
   };
-  /// What stands behind the locks of this process.
+  /// Where this process keeps its locks.
   static Backend GetBackend();
 
-  /// Takes the lock; true when it is held afterwards.
+  /// Takes the lock. Returns whether it is held afterwards.
   static bool WakeLock(const std::string& name);
-  /// Releases the lock; true when it is not held afterwards, also when it was not held before.
+  /// Releases the lock. Returns true if it is not held afterwards, even if it was not held before.
   static bool WakeUnlock(const std::string& name);
-  /// How many names this process has locked at this moment, whatever the backend.
+  /// The number of locks that this process holds now, with either backend.
   static size_t HeldLocks();
 };
 

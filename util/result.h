@@ -5,28 +5,29 @@
 
 namespace zeb {
 
-/// Outcome of an operation; 0 is success. Values that are not named here come unchanged from the
-/// platform's TLS calls (a certificate that cannot be loaded, for instance).
+/// The outcome of an operation. Any other value is an error code of the platform's TLS calls, passed on
+/// unchanged, for example because a certificate could not be loaded.
 enum [[nodiscard]] Result : int32_t{
     /// The operation completed.
     kSuccess = 0,
-    /// Connect error, empty topic, refused subscription identifier, no acknowledgement within the
-    /// time-out, DISCONNECT already sent, or a client that is already disconnected.
+    /// The broker refused the connection, the protocol is not supported, the topic is empty, the subscription
+    /// identifier is out of range, no acknowledgement arrived within the time-out, DISCONNECT was already
+    /// sent, or the client is disconnected.
     kFailure = 1,
     /// A wait on a condition timed out.
     kTimeout = 3,
-    /// Invalid client identifier, unsupported protocol, host not resolvable, broker not reachable, no
-    /// topic, a string above 65,535 bytes, or a packet larger than a buffer.
+    /// The client identifier is invalid, the host cannot be resolved, the broker cannot be reached, a topic
+    /// filter is empty, a string exceeds 65,535 bytes, or a payload or packet is too large.
     kInvalidArgument = 11,
-    /// A request was made while no connection exists.
+    /// A request was made without a connection.
     kNotConnected = 12,
-    /// The client was started before and not stopped since.
+    /// The client has been started and not stopped since, or is being started by another thread.
     kAlreadyStarted = 18,
-    /// The client's receive thread was to be stopped while none existed.
+    /// There was no receive thread to stop, because an earlier StartClient failed before creating it.
     kNotStarted = 19,
-    /// The socket accepted fewer bytes than the packet holds.
+    /// The packet could not be written completely.
     kSendFailed = 20,
-    /// No usable address for the broker on the chosen interface.
+    /// The broker has no usable address: none for the chosen interface or, without one, no IPv4 address.
     kNoAddress = 21,
 };
 

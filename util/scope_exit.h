@@ -1,4 +1,4 @@
-// Runs something at the end of a scope, whichever way the scope is left.
+// Runs an action when a scope is left, whether by return or by exception.
 #pragma once
 
 #include <utility>
@@ -16,7 +16,7 @@ class ScopeExit {
   ScopeExit(const ScopeExit&) = delete;
   ScopeExit& operator=(const ScopeExit&) = delete;
 
-  /// The action is no longer due.
+  /// Cancels the action.
   void Dismiss() { armed_ = false; }
 
  private:

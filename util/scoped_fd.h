@@ -1,4 +1,4 @@
-// A file descriptor that closes itself and never takes the place of a standard stream.
+// A file descriptor that closes itself and is never 0, 1 or 2.
 #pragma once
 
 #include <fcntl.h>
@@ -9,7 +9,7 @@
 
 namespace zeb::util {
 
-/// Owns one descriptor, or none (-1). Movable, not shared between threads.
+/// Owns one descriptor, or none (-1). Movable. Not thread-safe.
 class ScopedFd {
  public:
   ScopedFd() = default;
@@ -28,15 +28,15 @@ class ScopedFd {
 
   [[nodiscard]] int get() const { return fd_; }
   [[nodiscard]] bool valid() const { return fd_ >= 0; }
-  /// Gives the descriptor up to the caller.
+  /// Hands the descriptor over to the caller.
   [[nodiscard]] int Release() { return std::exchange(fd_, -1); }
   void Reset() {
     if (fd_ >= 0) ::close(std::exchange(fd_, -1));
   }
 
  private:
-  // In a process that closed its standard streams a new descriptor could be 0, 1 or 2, and whatever the
-  // application prints would then go to it.
+  // If the process has closed its standard streams, a new descriptor can be 0, 1 or 2. Whatever the
+  // application prints would then go there.
   static int AboveStandardStreams(int fd) {
     if (fd < 0 || fd > STDERR_FILENO) return fd;
     const int moved = ::fcntl(fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);

@@ -1,4 +1,4 @@
-// A connecting TCP client, with or without TLS. Supplied by the platform.
+// A TCP client connection, with or without TLS. Supplied by the platform.
 #pragma once
 
 #include <sys/types.h>
@@ -13,16 +13,16 @@
 
 namespace zeb::util {
 
-/// A socket's descriptor and what is true of it whatever it is used for.
+/// The basis of a TCP socket: its descriptor and IP version.
 class Socket {
  public:
   enum class Protocol : int32_t { kTcp = 1 };
   enum class Domain : int32_t { kIpv4 = 1, kIpv6 = 2 };
 
-  /// The descriptor; -1 when none could be created. It stays valid, and the same, until the destructor.
+  /// The descriptor, or -1 if none could be created. It stays open, and the same, until the destructor.
   [[nodiscard]] int GetFd() const { return fd_.get(); }
   [[nodiscard]] Domain GetDomain() const { return domain_; }
-  /// Sets or clears TCP_NODELAY; true on success.
+  /// Sets or clears TCP_NODELAY. Returns whether that succeeded.
   bool SetTCPNoDelay(bool enable);
 
  protected:
@@ -35,60 +35,60 @@ class Socket {
   Domain domain_;
 };
 
-/// One connection. Send may be called from any number of threads, Recv and HasPending from one thread,
-/// Shutdown from any.
+/// One connection. Send and Shutdown may be called on any thread, Recv and HasPending on one thread only.
 class SocketClient : public Socket {
  public:
   struct SocketClientOption {
     /// TLS settings; null for plain TCP.
     std::shared_ptr<const SslWrapper> ssl;
-    /// Bound of each Send, and of the connect unless `connect_timeout_us` says otherwise. Microseconds.
+    /// Limits each Send, and the connect unless `connect_timeout_us` is set. Microseconds.
     int32_t timeout_us = 0;
-    /// SO_SNDBUF and SO_RCVBUF. Bytes; 0 leaves the system's default.
+    /// SO_SNDBUF and SO_RCVBUF. Bytes; 0 keeps the system's default.
     int32_t tx_buf_size = 0;
     int32_t rx_buf_size = 0;
-    /// The broker as the application named it: what its certificate must bear. TLS only.
+    /// The name or address that the application gave for the broker. The certificate must be valid for it.
+    /// TLS only.
     std::string host;
-    /// Bound of the whole connect, TCP and TLS, where it is not a Send's: name resolution, or an address
-    /// tried before, may have used up a part of the time. Microseconds; negative: as `timeout_us`.
+    /// Limits the whole connect, TCP and TLS, if name resolution or earlier attempts have already used part
+    /// of `timeout_us`. Microseconds; negative: `timeout_us` applies.
     int32_t connect_timeout_us = -1;
-    /// Becomes readable when the connect is no longer wanted: the constructor then gives up at once. Not
-    /// owned, not read, and used during the constructor only. -1: none.
+    /// The constructor gives up as soon as this descriptor becomes readable (-1: none). It is neither read
+    /// nor closed, and not used after the constructor.
     int cancel_fd = -1;
   };
 
-  /// Recv: nothing has arrived.
+  /// Recv returns this if nothing has arrived.
   static constexpr ssize_t k_nothing_now = -2;
 
-  /// Connects to `path`, an address literal, ";" and a port. With a non-empty `iface` the connection
-  /// leaves through that interface; where the right to bind to a device is missing, it is bound to the
-  /// interface's own address. Blocks for at most the option's time-out; IsConnected tells the outcome, and
-  /// one LOG_ERR line why there is no connection.
+  /// Connects to `path`: an address literal, ";" and a port. If `iface` is not empty, the connection uses
+  /// that interface; a process that may not bind to a device binds to the interface's address instead. Blocks
+  /// at most for the option's time-out. IsConnected returns the outcome, and one LOG_ERR line gives the
+  /// reason for a failure.
   SocketClient(const std::string& iface, Protocol protocol, Domain domain, const std::string& path,
                SocketClientOption option);
   ~SocketClient();
   SocketClient(const SocketClient&) = delete;
   SocketClient& operator=(const SocketClient&) = delete;
 
-  /// Whether the constructor's connect, the TLS handshake included, succeeded.
+  /// Whether the constructor established the connection, including the TLS handshake.
   [[nodiscard]] bool IsConnected() const;
 
-  /// Writes all `length` bytes as one unit, or gives up at the option's time-out. Returns the bytes
-  /// written, or -1 when not even one was. Two threads' units never interleave. Once a unit was cut short
-  /// nothing more is ever sent: half a packet must not be followed by another. Nor after a unit that was sent
-  /// as the `last`. Never raises SIGPIPE.
+  /// Writes all `length` bytes as one unit, or gives up at the option's time-out. Returns the number of bytes
+  /// written, or -1 if it could not write any. Units of different threads never interleave. After a unit that
+  /// was cut short, or one sent with `last`, nothing more is ever sent: half a packet must not be followed by
+  /// another. Never raises SIGPIPE.
   ssize_t Send(const void* data, size_t length, bool last = false);
 
-  /// Takes what has arrived, at most `length` bytes, without waiting: the count; 0 when the peer closed the
-  /// connection; `k_nothing_now`; -1 on an error.
+  /// Reads what has arrived, at most `length` bytes, without waiting. Returns the number of bytes, 0 if the
+  /// peer has closed the connection, `k_nothing_now`, or -1 on an error.
   ssize_t Recv(void* data, size_t length);
 
-  /// Whether bytes wait that the descriptor does not announce (already decrypted ones): read again before
-  /// waiting for the descriptor.
+  /// Whether Recv can return decrypted bytes that the descriptor does not announce. If so, call Recv again
+  /// before waiting for the descriptor.
   [[nodiscard]] bool HasPending() const;
 
-  /// Ends the connection both ways, without waiting: blocked senders return, later sends are refused.
-  /// Over TLS the peer is told first, as far as that needs no wait. The descriptor stays valid.
+  /// Ends the connection in both directions without waiting. Blocked senders return, and later sends are
+  /// refused. A TLS peer is told first, if that is possible without waiting. The descriptor stays open.
   void Shutdown();
 
  private:

@@ -1,4 +1,4 @@
-// A thread that takes no signals. Supplied by the platform.
+// A thread that receives no signals. Supplied by the platform.
 #pragma once
 
 #include <functional>
@@ -8,20 +8,20 @@
 
 namespace zeb::util {
 
-/// Handle of at most one running thread; one owner at a time.
+/// A handle of at most one running thread. Not thread-safe.
 class Thread {
  public:
-  /// Runs `body` on a new thread in which every signal is blocked, so that the application's handlers
-  /// never run there. `kFailure`, with nothing started, when the system has no thread to give. The handle
-  /// must not hold a joinable thread.
+  /// Runs `body` on a new thread with all signals blocked, so that the application's signal handlers never
+  /// run there. Returns `kFailure`, without having started anything, if the system cannot create a thread.
+  /// The handle must not hold a joinable thread.
   Result Start(std::function<void()> body);
 
   [[nodiscard]] bool Joinable() const { return thread_.joinable(); }
-  /// Whether the caller runs on the thread.
+  /// Whether the caller runs on this thread.
   [[nodiscard]] bool IsCurrent() const { return thread_.get_id() == std::this_thread::get_id(); }
   /// Blocks until the thread has ended.
   void Join() { thread_.join(); }
-  /// Lets the thread run on without a handle.
+  /// Lets the thread continue without a handle.
   void Detach() { thread_.detach(); }
 
  private:

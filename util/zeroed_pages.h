@@ -1,4 +1,4 @@
-// Buffers that cost no memory until they are used. Any thread.
+// Buffers whose pages take no memory until they are used. Any thread.
 #pragma once
 
 #include <sys/mman.h>
@@ -10,17 +10,17 @@
 
 namespace zeb::util {
 
-/// Gives pages back to the system.
+/// Returns the pages to the system.
 struct UnmapPages {
   size_t size = 0;  // bytes
   void operator()(uint8_t* pages) const { ::munmap(pages, size); }
 };
 using ZeroedPages = std::unique_ptr<uint8_t[], UnmapPages>;
 
-/// `size` zero bytes, a multiple of the page, or null. Straight from the system: the allocator might hand
-/// out, and clear, memory used before, and would then pay for every page of a buffer that hardly ever holds
-/// more than one. Behind them stands a page that nobody may touch: a byte too far ends the process, and is
-/// nobody else's.
+/// Returns `size` zero bytes (a multiple of the page size), or null. They come directly from the system: the
+/// allocator might reuse memory and clear it, which would use up every page of a buffer that rarely needs
+/// more than one. An inaccessible page follows them, so that an overrun ends the process instead of
+/// corrupting other memory.
 inline ZeroedPages MapZeroedPages(size_t size) {
   const size_t guarded = size + static_cast<size_t>(::sysconf(_SC_PAGESIZE));
   void* const pages = ::mmap(nullptr, guarded, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);

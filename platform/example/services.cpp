@@ -1,6 +1,6 @@
-// A platform of one's own, without its socket: threads, wake locks that are only remembered, brokers that are
-// named by their addresses, no TLS and no choice of an interface. What each call must promise:
-// docs/platform.md.
+// An example platform, except for its socket: threads, wake locks that are only remembered, address literals
+// and event callbacks. It has no TLS, resolves no name but "localhost", and cannot choose an interface.
+// docs/platform.md says what each call must promise. Any thread.
 #include <arpa/inet.h>
 
 #include <algorithm>
@@ -21,7 +21,7 @@ namespace zeb::psm {
 namespace {
 
 struct Names {
-  std::mutex mutex;  // guards the next
+  std::mutex mutex;  // guards `held`
   std::set<std::string> held;
 };
 Names& AllNames() {
@@ -59,7 +59,7 @@ size_t PsmManager::HeldLocks() {
 namespace zeb::util {
 namespace {
 
-constexpr int32_t k_not_supported = 95;  // what a setter returns reaches the application as it stands
+constexpr int32_t k_not_supported = 95;  // the application receives the setters' result unchanged
 
 }  // namespace
 
@@ -77,7 +77,7 @@ Result Thread::Start(std::function<void()> body) {
   return thread_.joinable() ? kSuccess : kFailure;
 }
 
-// ---- No TLS: a context holds nothing, and a socket that is given one does not connect.
+// ---- No TLS: a context holds nothing, and a socket that is given one fails to connect.
 
 struct SslWrapper::Context {};
 SslWrapper::SslWrapper(bool /*server*/, Method /*method*/) {}
@@ -89,15 +89,15 @@ int32_t SslWrapper::SetCertAndKeyFile(const std::string& /*cert*/, const std::st
   return k_not_supported;
 }
 
-// ---- Addresses, and news about their loss
+// ---- Addresses, and events about their loss
 
 struct NetworkManager::Registration {
   EventCallback callback;
-  std::vector<std::thread::id> running;  // the threads that are in a call of it
+  std::vector<std::thread::id> running;  // the threads that are inside the callback
   bool ended = false;
 
   struct Registry {
-    std::mutex mutex;  // guards all of this and of each registration, and is held over no call
+    std::mutex mutex;  // guards this and every registration; not held while a callback runs
     std::condition_variable returned;
     std::vector<std::shared_ptr<Registration>> list;
   };
@@ -114,12 +114,12 @@ bool NetworkManager::IsValidAddress(const std::string& address, bool ipv6) {
   if (address.find('\0') != std::string::npos) return false;
   in6_addr parsed;  // large enough for either family
   if (!ipv6) return ::inet_pton(AF_INET, address.c_str(), &parsed) == 1;
-  const size_t zone = address.find('%');  // which is neither empty nor followed by another
+  const size_t zone = address.find('%');  // the zone must not be empty or contain a second '%'
   if (zone + 1 == address.size() || address.find('%', zone + 1) != std::string::npos) return false;
   return ::inet_pton(AF_INET6, address.substr(0, zone).c_str(), &parsed) == 1;
 }
 
-// A platform with names asks for them on a thread of its own: the system's resolver knows no time-out.
+// A platform that resolves names does so on a thread of its own: the system's resolver has no time-out.
 int NetworkManager::ResolveHostName(const std::string& name, std::vector<std::string>& ipv4,
                                     std::vector<std::string>& ipv6, int64_t /*timeout_us*/,
                                     int /*cancel_fd*/) {
@@ -139,8 +139,8 @@ int NetworkManager::GetIpAddress(const std::string& /*iface*/, std::string& addr
   return 1;
 }
 
-// A device that learns of a loss calls RaiseEvent with EventDic::k_address_lost; this one would also call
-// back at once if the address of `socket_fd` had gone.
+// A platform that learns of a loss calls RaiseEvent with EventDic::k_address_lost. If the address of
+// `socket_fd` were already gone, it would also call back from here.
 void NetworkManager::SetEventCb(EventCallback callback, int /*socket_fd*/) {
   UnsetEventCb();
   if (callback == nullptr) return;
@@ -163,20 +163,20 @@ void NetworkManager::UnsetEventCb() {
   if (std::find(running.begin(), running.end(), std::this_thread::get_id()) != running.end()) return;
   returned.wait(lock, [&] { return running.empty(); });
   lock.unlock();
-  mine->callback = nullptr;  // a call that is about to begin may still hold the registration
+  mine->callback = nullptr;  // RaiseEvent may still hold the registration
 }
 
 void NetworkManager::RaiseEvent(EventDic& event) {
   const auto me = std::this_thread::get_id();
   auto& [mutex, returned, list] = Registration::All();
   std::unique_lock<std::mutex> lock(mutex);
-  const auto all = list;  // which callbacks may change
+  const auto all = list;  // a copy, because callbacks may change the list
   for (const auto& each : all) {
     if (each->ended) continue;
     auto& running = each->running;
     running.push_back(me);
     lock.unlock();
-    const ScopeExit back([&, &woken = returned] {  // also when the callback throws
+    const ScopeExit back([&, &woken = returned] {  // even if the callback throws
       lock.lock();
       running.erase(std::find(running.begin(), running.end(), me));
       woken.notify_all();

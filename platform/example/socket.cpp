@@ -1,4 +1,4 @@
-// The socket of a platform of one's own: plain TCP. Send and Shutdown on any thread, Recv on one.
+// The example platform's socket: plain TCP. Send and Shutdown run on any thread, Recv on one.
 #include "util/socket.h"
 
 #include <netdb.h>
@@ -22,24 +22,24 @@
 namespace zeb::util {
 namespace {
 
-// Whether `fd` is ready before the clock reads `end_us`, and before `cancel_fd` (-1: none) is readable.
+// Waits for `fd`. Returns false if the clock reaches `end_us` or `cancel_fd` (-1: none) is readable first.
 bool Await(int fd, short events, int64_t end_us, int cancel_fd = -1) {
   for (;;) {
     const int64_t left_us = std::max<int64_t>(end_us - MonotonicUs(), 0);
     pollfd entries[] = {{fd, events, 0}, {cancel_fd, POLLIN, 0}};
     const int ready = ::poll(entries, 2, static_cast<int>((left_us + 999) / 1'000));
     if (ready > 0) return entries[1].revents == 0;
-    if (left_us == 0) return false;  // else a signal came
+    if (left_us == 0) return false;  // otherwise a signal arrived
   }
 }
 
-// 0, or the errno of the failure; the path is an address literal, ";" and a port.
+// Connects to `path`: an address literal, ";" and a port. Returns 0 or an errno.
 int ConnectTo(int fd, int family, const std::string& path, int64_t end_us, int cancel_fd) {
   const size_t separator = path.rfind(';');
   if (separator == std::string::npos) return EINVAL;
   const char* const port = path.c_str() + separator + 1;
   const char* const end = path.c_str() + path.size();
-  uint16_t number = 0;  // read here, since the resolver would cut a larger one to its last 16 bits
+  uint16_t number = 0;  // checked here, because the resolver cuts larger numbers to 16 bits
   const auto [stopped, error_code] = std::from_chars(port, end, number);
   if (error_code != std::errc() || stopped != end || number == 0) return EINVAL;
   addrinfo hints{};
@@ -63,7 +63,7 @@ bool Socket::SetTCPNoDelay(bool enable) {
   return ::setsockopt(fd_.get(), IPPROTO_TCP, TCP_NODELAY, &value, sizeof value) == 0;
 }
 
-// Senders take turns in the order of arrival, so that units neither mix nor starve.
+// Senders take turns in order of arrival, so that units do not mix and no sender starves.
 struct SocketClient::State {
   bool TakeTurn(int64_t end_us) {
     MutexLock lock(mutex);
@@ -80,7 +80,7 @@ struct SocketClient::State {
     }
     if (!refused && senders.begin() == place) return true;
     senders.erase(place);
-    changed.Broadcast();  // the next in the row may have become the first
+    changed.Broadcast();  // the next sender may now be the first
     return false;
   }
   void GiveTurn(bool refuse) {
@@ -95,11 +95,11 @@ struct SocketClient::State {
   }
 
   SocketClientOption option;
-  bool connected = false;  // neither changes after the constructor
+  bool connected = false;  // like `option`, does not change after the constructor
   Mutex mutex;             // guards all below
   Condition changed;
-  std::list<char> senders;  // the first one writes, the others wait; oldest first
-  bool refused = false;     // nothing is sent any more
+  std::list<char> senders;  // oldest first; the first one writes, the others wait
+  bool refused = false;     // nothing more is sent
 };
 
 SocketClient::SocketClient(const std::string& iface, Protocol /*protocol*/, Domain domain,
@@ -115,7 +115,7 @@ SocketClient::SocketClient(const std::string& iface, Protocol /*protocol*/, Doma
   state_->connected = error == 0;
   if (error == 0) return;
   ZEB_LOG(LOG_ERR, "no connection to %s: %s", path.c_str(), std::generic_category().message(error).c_str());
-  ::shutdown(fd_.get(), SHUT_RDWR);  // the kernel would go on connecting
+  ::shutdown(fd_.get(), SHUT_RDWR);  // otherwise the kernel would continue connecting
 }
 
 SocketClient::~SocketClient() { Shutdown(); }
@@ -141,7 +141,7 @@ ssize_t SocketClient::Send(const void* data, size_t length, bool last) {
 
 ssize_t SocketClient::Recv(void* data, size_t length) {
   if (!state_->connected) return -1;
-  if (length == 0) return k_nothing_now;  // 0 would say that the peer closed
+  if (length == 0) return k_nothing_now;  // 0 would mean that the peer has closed
   const ssize_t received = ::recv(fd_.get(), data, length, 0);
   if (received >= 0) return received;
   return errno == EAGAIN || errno == EINTR ? k_nothing_now : -1;
@@ -155,7 +155,7 @@ void SocketClient::Shutdown() {
     state_->refused = true;
     state_->changed.Broadcast();
   }
-  ::shutdown(fd_.get(), SHUT_RDWR);  // wakes whoever waits for the descriptor
+  ::shutdown(fd_.get(), SHUT_RDWR);  // wakes threads that wait for the descriptor
 }
 
 }  // namespace zeb::util

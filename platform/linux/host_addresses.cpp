@@ -54,13 +54,13 @@ bool IsSameAddress(const sockaddr* a, const sockaddr* b) {
                                   : Ipv4Number(a) == Ipv4Number(b);
 }
 
-// An interface that is up but has lost its carrier keeps its addresses, and reaches nobody.
+// An interface that has lost its carrier stays up and keeps its addresses, but reaches nobody.
 bool ReachesOthers(const ifaddrs& entry) {
   constexpr unsigned int k_running = IFF_UP | IFF_RUNNING;
   return (entry.ifa_flags & (k_running | IFF_LOOPBACK)) == k_running;
 }
 
-// The kernel's own answer covers what no interface lists, a whole local prefix for one.
+// Asks the kernel: the list of interfaces lacks some local addresses, such as those of a local prefix.
 bool IsForeignToTheHost(const sockaddr_storage& address, socklen_t length) {
   const ScopedFd probe(::socket(address.ss_family, SOCK_DGRAM | SOCK_CLOEXEC, 0));
   const int error = errno;
@@ -69,12 +69,12 @@ bool IsForeignToTheHost(const sockaddr_storage& address, socklen_t length) {
     return false;
   }
   sockaddr_storage any_port = address;
-  reinterpret_cast<sockaddr_in*>(&any_port)->sin_port = 0;  // at the same place in an IPv6 address
+  reinterpret_cast<sockaddr_in*>(&any_port)->sin_port = 0;  // sin6_port is at the same offset
   return ::bind(probe.get(), reinterpret_cast<const sockaddr*>(&any_port), length) != 0 &&
          errno == EADDRNOTAVAIL;
 }
 
-// The first global address, else the first link-local one; null when there is none.
+// Returns the first global address, otherwise the first link-local one, otherwise null.
 const sockaddr* BestAddress(const ifaddrs* first, const std::string& iface, int family) {
   const sockaddr* link_local = nullptr;
   for (const ifaddrs* entry = first; entry != nullptr; entry = entry->ifa_next) {
@@ -96,7 +96,7 @@ std::string NumericAddress(const sockaddr* address, socklen_t length) {
 
 bool LookUpUsableVersions(UsableVersions* usable) {
   const InterfaceList list = ListInterfaces();
-  if (list == nullptr) return false;  // even the loopback interface makes an entry
+  if (list == nullptr) return false;  // an error, since the loopback interface is always listed
   *usable = {};
   for (const ifaddrs* entry = list.get(); entry != nullptr; entry = entry->ifa_next) {
     const sockaddr* const address = entry->ifa_addr;
@@ -113,7 +113,8 @@ const char* LostIpVersion(int socket_fd) {
   if (::getsockname(socket_fd, reinterpret_cast<sockaddr*>(&local), &length) != 0 || !IsIp(address))
     return nullptr;
   if (!IsForeignToTheHost(local, length)) return nullptr;
-  // It also disowns an address that it still checks for duplicates; and a list costs ten times that question.
+  // The kernel also refuses an address that it is still checking for duplicates, but that one is listed. The
+  // list comes second because it costs ten times as much.
   const InterfaceList list = ListInterfaces();
   if (list == nullptr) return nullptr;
   for (const ifaddrs* entry = list.get(); entry != nullptr; entry = entry->ifa_next)

@@ -1,4 +1,4 @@
-// What the kernel says of this host's own addresses. Any thread; nothing here waits for the network.
+// Asks the kernel about this host's own addresses. Any thread. Never waits for the network.
 #pragma once
 
 #include <sys/socket.h>
@@ -7,22 +7,22 @@
 
 namespace zeb::util {
 
-/// The address as text, an IPv6 one with its zone where it has one; empty when it cannot be told.
+/// Returns the address as text, with the zone of an IPv6 address, or an empty string on failure.
 std::string NumericAddress(const sockaddr* address, socklen_t length);
 
-/// Of which IP versions the host has an address that reaches other hosts.
+/// The IP versions for which the host has an address that reaches other hosts.
 struct UsableVersions {
   bool ipv4 = false;
   bool ipv6 = false;
 };
 
-/// Looks up the addresses of all interfaces that are up and running; link-local ones and those of the
-/// loopback interface do not count. False when the kernel did not tell.
+/// Looks up the addresses of all interfaces that are up and running. Link-local addresses and those of the
+/// loopback interface do not count. Returns false if the kernel does not answer.
 bool LookUpUsableVersions(UsableVersions* usable);
 
-/// The IP version, "4" or "6", of a socket whose own local address is no longer one of the host's. Null when
-/// it is, be its interface up or down, when the descriptor is not that of a socket with an IP address, and
-/// when it cannot be told.
+/// Returns the IP version, "4" or "6", of a socket whose local address no longer belongs to the host. Returns
+/// null if the address still belongs to it (even if the interface is down), if the descriptor is not a socket
+/// with an IP address, and if the kernel does not answer.
 const char* LostIpVersion(int socket_fd);
 
 }  // namespace zeb::util

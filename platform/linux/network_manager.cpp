@@ -1,5 +1,5 @@
-// The process-wide registry of event callbacks, and the one watcher behind it. Any thread; no callback runs,
-// and no thread is waited for, with the registry's lock held.
+// The process-wide registry of event callbacks and its watcher. Any thread. The registry's lock is not held
+// while a callback runs or while a thread is waited for.
 #include "util/network_manager.h"
 
 #include <algorithm>
@@ -14,28 +14,28 @@
 
 namespace zeb::util {
 
-/// One callback, known to the registry, to its NetworkManager and to the calls of it that are running.
+/// One callback, shared by the registry, its NetworkManager and the running calls of it.
 struct NetworkManager::Registration {
   explicit Registration(EventCallback function) : callback(std::move(function)) {}
 
   struct Registry {
-    Mutex mutex;  // guards all below, and of each registration `active` and `running`
+    Mutex mutex;  // guards all below, and `active` and `running` of each registration
     Condition call_ended;
     std::vector<std::shared_ptr<Registration>> list;
-    std::unique_ptr<NetworkWatcher> watcher;  // while the list is not empty
-    std::unique_ptr<NetworkWatcher> ended;    // the one before, told to end: nobody has waited for it yet
+    std::unique_ptr<NetworkWatcher> watcher;  // set while the list is not empty
+    std::unique_ptr<NetworkWatcher> ended;    // the previous watcher, told to end but not yet waited for
   };
   static Registry& GetRegistry() {
     static auto* const registry = new Registry;  // never freed: threads may raise events during exit
     return *registry;
   }
 
-  /// Runs the callback, unless it was retired before.
+  /// Runs the callback unless it has been retired.
   void Call(EventDic& event);
-  /// Ends the registration; waits for running calls unless it is one of them that asks.
+  /// Ends the registration. Waits for running calls, unless called from one of them.
   void Retire();
 
-  EventCallback callback;  // constant while `active`, or a call runs
+  EventCallback callback;  // does not change while `active` or while a call runs
   bool active = true;
   std::vector<std::thread::id> running;
 };
@@ -57,19 +57,20 @@ void NetworkManager::Registration::Call(EventDic& event) {
 
 void NetworkManager::Registration::Retire() {
   Registry& registry = GetRegistry();
-  EventCallback doomed;                     // both destroyed last, without the lock: what the callback
-  std::unique_ptr<NetworkWatcher> earlier;  // captured may do anything, and the watcher waits for its thread
+  // Both are destroyed last, without the lock: the callback's captures may do anything, and the watcher waits
+  // for its thread.
+  EventCallback doomed;
+  std::unique_ptr<NetworkWatcher> earlier;
   MutexLock lock(registry.mutex);
   active = false;
   auto& list = registry.list;
   const auto is_this = [this](const auto& other) { return other.get() == this; };
   list.erase(std::remove_if(list.begin(), list.end(), is_this), list.end());
   if (list.empty() && registry.watcher != nullptr) {
-    registry.watcher->End();  // the session's own end is not held up until it has
+    registry.watcher->End();  // does not wait, so that the session ends without delay
     earlier = std::exchange(registry.ended, std::move(registry.watcher));
   }
-  // Two calls that retire each other's registration at once must not wait for one another, hence no wait
-  // here.
+  // A call does not wait for the others: two that retire the same registration would wait for each other.
   if (std::find(running.begin(), running.end(), std::this_thread::get_id()) != running.end()) return;
   while (!running.empty()) registry.call_ended.Wait(registry.mutex);
   doomed = std::move(callback);
@@ -79,7 +80,7 @@ NetworkManager::NetworkManager() = default;
 
 NetworkManager::~NetworkManager() {
   UnsetEventCb();
-  std::unique_ptr<NetworkWatcher> ended;  // waited for without the lock
+  std::unique_ptr<NetworkWatcher> ended;  // its thread is waited for without the lock
   Registration::Registry& registry = Registration::GetRegistry();
   const MutexLock lock(registry.mutex);
   ended = std::move(registry.ended);
@@ -89,7 +90,7 @@ void NetworkManager::SetEventCb(EventCallback callback, int socket_fd) {
   UnsetEventCb();
   if (callback == nullptr) return;
   const auto registration = std::make_shared<Registration>(std::move(callback));
-  std::unique_ptr<NetworkWatcher> ended;  // waited for without the lock
+  std::unique_ptr<NetworkWatcher> ended;  // its thread is waited for without the lock
   Registration::Registry& registry = Registration::GetRegistry();
   MutexLock lock(registry.mutex);
   registry.list.push_back(registration);
@@ -99,8 +100,7 @@ void NetworkManager::SetEventCb(EventCallback callback, int socket_fd) {
   lock.Unlock();
   ended.reset();
 
-  // The address may have gone between the connect and this moment: the watcher, which reports changes, has
-  // no more to say about it.
+  // The address may have gone since the connect. The watcher, which reports only changes, would not say so.
   if (const char* const ip_version = LostIpVersion(socket_fd)) {
     EventDic event(EventDic::k_address_lost);
     event.SetParam(EventDic::k_ip_version, ip_version);

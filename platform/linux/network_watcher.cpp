@@ -1,6 +1,6 @@
-// The watcher's thread: sleeps until the kernel reports a change of a link or an address, then looks at what
-// addresses are left. The reports themselves are not read: after a burst, or one that overflowed, only the
-// outcome counts.
+// The watcher's thread sleeps until the kernel reports a change of a link or an address, then looks up which
+// addresses are left. It ignores the content of the reports: after a burst, even one that overflowed, only
+// the outcome counts.
 #include "platform/linux/network_watcher.h"
 
 #include <linux/netlink.h>
@@ -23,7 +23,7 @@
 namespace zeb::util {
 namespace {
 
-// -1, with errno, when there is none to be had.
+// Returns an invalid descriptor and sets errno on failure.
 ScopedFd OpenRoutingSocket() {
   ScopedFd fd(::socket(AF_NETLINK, SOCK_RAW | SOCK_NONBLOCK | SOCK_CLOEXEC, NETLINK_ROUTE));
   if (!fd.valid()) return fd;
@@ -37,10 +37,10 @@ ScopedFd OpenRoutingSocket() {
   return fd;
 }
 
-// Takes all reports there are. False when none will ever come again.
+// Discards all pending reports. Returns false if no report will ever come again.
 bool TakeReports(int fd) {
-  constexpr int k_enough = 1'000;  // what still waits wakes the thread again
-  char report[8];                  // the kernel drops the rest
+  constexpr int k_enough = 1'000;  // the rest wakes the thread again
+  char report[8];                  // the kernel discards the rest of a report
   for (int i = 0; i < k_enough; ++i)
     if (::recv(fd, report, sizeof report, 0) <= 0)
       return errno == EAGAIN || errno == EINTR || errno == ENOBUFS;
@@ -56,12 +56,12 @@ void RaiseLoss(const char* ip_version) {
 
 }  // namespace
 
-/// Shared with the thread, which may outlive the object when a callback ended the watch.
+/// Shared with the thread, which may outlive the watcher if a callback ended it.
 struct NetworkWatcher::State {
   ScopedFd reports;
-  ScopedFd stop;          // readable when the thread is to end
-  UsableVersions usable;  // what has been told; the thread alone, once it runs
-  bool look_due = false;  // the last look came to nothing; the same
+  ScopedFd stop;          // becomes readable when the thread must end
+  UsableVersions usable;  // as last reported; once the thread runs, used only by it
+  bool look_due = false;  // a lookup is still due; likewise
 
   void Run();
   void Look();
@@ -73,7 +73,7 @@ void NetworkWatcher::State::Run() {
   for (;;) {
     pollfd watched[] = {{reports.get(), POLLIN, 0}, {stop.get(), POLLIN, 0}};
     const int ready = ::poll(watched, 2, look_due ? k_retry_ms : -1);
-    if (ready < 0) continue;  // a signal: the only failure that is possible here
+    if (ready < 0) continue;  // a signal, the only possible failure
     if (watched[1].revents != 0) return;
     const bool goes_on = ready == 0 || TakeReports(reports.get());
     look_due = true;
@@ -96,7 +96,7 @@ void NetworkWatcher::State::Look() {
   look_due = false;
 }
 
-// Only what was told counts as known, so that a loss that could not be told is told again.
+// Changes `*told` last, so that a loss that could not be reported is reported again.
 void NetworkWatcher::State::Tell(bool* told, bool now, const char* ip_version) {
   if (*told && !now) RaiseLoss(ip_version);
   *told = now;
@@ -104,7 +104,7 @@ void NetworkWatcher::State::Tell(bool* told, bool now, const char* ip_version) {
 
 std::unique_ptr<NetworkWatcher> NetworkWatcher::Start() {
   const auto state = std::make_shared<State>();
-  state->reports = OpenRoutingSocket();  // before the first look, so that no change falls between the two
+  state->reports = OpenRoutingSocket();  // before the first lookup, so that no change is missed
   if (state->reports.valid()) state->stop = ScopedFd(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
   const int error = errno;
   if (!state->stop.valid()) {
@@ -119,7 +119,7 @@ std::unique_ptr<NetworkWatcher> NetworkWatcher::Start() {
 
 void NetworkWatcher::End() {
   if (state_ != nullptr) ::eventfd_write(state_->stop.get(), 1);
-  state_.reset();  // the thread's share is the last one: its descriptors go with it
+  state_.reset();  // the thread has the last reference and closes the descriptors
 }
 
 NetworkWatcher::~NetworkWatcher() {

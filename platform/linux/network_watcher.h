@@ -1,4 +1,5 @@
-// Watches the host's addresses through the kernel's routing socket, on a thread of its own.
+// Watches the host's addresses through the kernel's routing socket, on a thread of its own. Not thread-safe:
+// the registry of callbacks, which owns the watcher, makes its calls one at a time.
 #pragma once
 
 #include <memory>
@@ -7,19 +8,19 @@
 
 namespace zeb::util {
 
-/// One for the whole process, kept by the NetworkManagers' registry as long as anybody is registered. While
-/// no address and no link changes, its thread sleeps.
+/// There is one for the whole process, as long as any callback is registered. Its thread sleeps until a link
+/// or an address changes.
 class NetworkWatcher {
  public:
-  /// From now on EventDic::k_address_lost is raised by NetworkManager::RaiseEvent for each IP version whose
-  /// last usable address goes. Null, after one LOG_WARNING line, when the kernel or the system's limits do
-  /// not let us watch.
+  /// From now on, raises EventDic::k_address_lost through NetworkManager::RaiseEvent for each IP version
+  /// whose last usable address is lost. If the kernel or a resource limit prevents that, writes one log line
+  /// and returns null.
   static std::unique_ptr<NetworkWatcher> Start();
 
-  /// Lets the thread end, without waiting for that.
+  /// Tells the thread to end, without waiting for it.
   void End();
 
-  /// Ends the thread and waits for it; not so on the very thread, which ends once it has returned.
+  /// Ends the thread and waits for it. On that very thread it does not wait; the thread ends by itself.
   ~NetworkWatcher();
   NetworkWatcher(const NetworkWatcher&) = delete;
   NetworkWatcher& operator=(const NetworkWatcher&) = delete;
@@ -28,7 +29,7 @@ class NetworkWatcher {
   struct State;
   explicit NetworkWatcher(std::shared_ptr<State> state) : state_(std::move(state)) {}
 
-  std::shared_ptr<State> state_;  // null once it was told to end
+  std::shared_ptr<State> state_;  // null after End
   Thread thread_;
 };
 

@@ -1,5 +1,5 @@
-// Wake locks through the kernel's files, where they are there and may be written; else only kept by name.
-// Any thread.
+// Wake locks through the kernel's files, if they exist and this process may write them. Otherwise the names
+// are only remembered. Any thread.
 #include "util/psm_manager.h"
 
 #include <fcntl.h>
@@ -17,7 +17,7 @@
 namespace zeb::psm {
 namespace {
 
-// One write is one command: 0, or the errno of its refusal.
+// One write is one command. Returns 0 or an errno.
 int WriteName(int fd, const std::string& name) {
   return ::write(fd, name.data(), name.size()) >= 0 ? 0 : errno;
 }
@@ -30,14 +30,14 @@ bool LogRefusal(const std::string& name, int error) {
 struct Locks {
   Locks();
 
-  util::ScopedFd lock_file;    // /sys/power/wake_lock; not valid: the names are only kept
-  util::ScopedFd unlock_file;  // /sys/power/wake_unlock; like the one above set once
-  util::Mutex mutex;           // guards the names, and their order in the kernel
+  util::ScopedFd lock_file;    // /sys/power/wake_lock; invalid if the names are only remembered
+  util::ScopedFd unlock_file;  // /sys/power/wake_unlock; like the one above, set once
+  util::Mutex mutex;           // guards `names`, and orders the writes to the kernel
   std::set<std::string> names;
 };
 
-// The files may be open to a process that lacks CAP_BLOCK_SUSPEND; only a write tells. This one names no
-// lock: the kernel finds it wanting after it has checked the right.
+// A process without CAP_BLOCK_SUSPEND may still be able to open the files, so only a write tells. This write
+// names no lock: the kernel checks the capability first and then refuses the name.
 bool MayWrite(int fd) { return ::write(fd, "\n", 1) == 1 || errno == EINVAL; }
 
 Locks::Locks()
@@ -63,7 +63,7 @@ bool PsmManager::WakeLock(const std::string& name) {
   Locks& locks = GetLocks();
   const util::MutexLock lock(locks.mutex);
   if (locks.names.count(name) != 0) return true;
-  try {  // before the kernel has it: a lock that is not on record is never released
+  try {  // recorded before the kernel has it: a lock without a record would never be released
     locks.names.insert(name);
   } catch (const std::bad_alloc&) {
     ZEB_LOG(LOG_ERR, "wake lock %s: no memory", name.c_str());

@@ -1,5 +1,5 @@
-// Address literals, and names by the system's resolver within a time limit. Any thread; a lookup runs on a
-// thread of its own, since the system's resolver can be neither limited nor interrupted.
+// Checks address literals, and resolves names within a time limit. Any thread. Each lookup runs on a thread
+// of its own, because the system's resolver can be neither limited nor interrupted.
 #include <arpa/inet.h>
 #include <netdb.h>
 #include <sys/eventfd.h>
@@ -21,10 +21,10 @@
 namespace zeb::util {
 namespace {
 
-// Shared by who asks and the thread that looks up: either may be the last to need it.
+// Shared by the caller and the thread that looks the name up. Either may be the last to use it.
 struct Lookup {
-  // A lookup that was given up goes on until the resolver's own limits end it. This many at once are plenty
-  // for a client that tries again and again; no more are begun on top of them.
+  // An abandoned lookup continues until the resolver's own limits end it. While there are this many, plenty
+  // for a client that keeps retrying, no new lookup begins.
   static constexpr int k_max_abandoned = 16;
   inline static std::atomic<int> all_abandoned{0};
 
@@ -43,7 +43,7 @@ struct Lookup {
   }
 
   const std::string name;
-  const ScopedFd done{::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)};  // readable once all below is filled
+  const ScopedFd done{::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)};  // becomes readable once the result is there
   std::atomic<bool> filled{false};
   std::atomic<bool> abandoned{false};
   int error = EAI_AGAIN;
@@ -110,7 +110,7 @@ int NetworkManager::ResolveHostName(const std::string& name, std::vector<std::st
     return EAI_AGAIN;
   }
   thread.Detach();
-  (void)deadline.Await(lookup->done.get(), POLLIN);  // what came of it is looked up
+  (void)deadline.Await(lookup->done.get(), POLLIN);  // `filled` has the outcome
   if (!lookup->filled) {
     lookup->Abandon();
     ZEB_LOG(LOG_DEBUG, "%s not resolved: %s", name.c_str(), deadline.Cancelled() ? "given up" : "timed out");

@@ -1,4 +1,4 @@
-// Hands the turn to write from thread to thread, in the order of arrival. All threads.
+// Passes the turn to write from thread to thread, in order of arrival. Any thread.
 #include "platform/linux/send_turn.h"
 
 namespace zeb::util {
@@ -15,12 +15,12 @@ bool SendTurn::Take(const Deadline& deadline) {
   while (!refused_ && !my_turn()) {
     const int64_t remaining_us = deadline.RemainingUs();
     if (remaining_us == 0) break;
-    (void)changed_.WaitUntil(mutex_, remaining_us);  // the loop looks up what the wake-up means
+    (void)changed_.WaitUntil(mutex_, remaining_us);  // the loop checks why it woke up
   }
   const bool mine = !refused_ && my_turn();
   if (mine) taken_ = true;
   waiting_.erase(place);
-  changed_.Broadcast();  // the next in the row may have become the first
+  changed_.Broadcast();  // the next waiter may now be the first
   return mine;
 }
 

@@ -1,4 +1,5 @@
-// Whose turn it is to write to a connection, so that two threads' units never interleave. All threads.
+// Gives one thread at a time the turn to write to a connection, so that the units of different threads never
+// interleave. Any thread.
 #pragma once
 
 #include <list>
@@ -9,20 +10,19 @@
 
 namespace zeb::util {
 
-/// Not a mutex: the holder waits for the network, and those who wait for the turn give up at their own
-/// deadlines or when the connection ends. The turn goes round in the order of arrival; otherwise a thread
-/// that writes without a pause, and waits for the network only while it holds the turn, would starve the
-/// rest.
+/// Not a mutex: the holder waits for the network, so threads that wait for the turn give up at their own
+/// deadlines or when the connection ends. The turn is passed on in order of arrival. Otherwise a thread that
+/// writes without a pause would starve the rest.
 class SendTurn {
  public:
-  /// True when the turn is the caller's, to be given back by Give. False when the deadline passed first or
-  /// sending is refused for good.
+  /// Waits for the turn. Returns true if the caller has it and must give it back with Give, false if the
+  /// deadline passed first or sending is refused for good.
   [[nodiscard]] bool Take(const Deadline& deadline);
 
-  /// Gives the turn back; with `refuse` nobody ever gets it again.
+  /// Gives the turn back. With `refuse`, nobody ever gets it again.
   void Give(bool refuse);
 
-  /// Nobody gets the turn from now on; those who wait for it return.
+  /// From now on nobody gets the turn. Threads that wait for it return.
   void Refuse();
 
   [[nodiscard]] bool Refused();

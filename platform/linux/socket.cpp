@@ -1,5 +1,5 @@
-// The TCP client socket: connects, writes whole units in turn, reads what has arrived.
-// Send and Shutdown on any thread, Recv and HasPending on one; no lock is held while the network is awaited.
+// The TCP client socket. Send and Shutdown run on any thread, Recv and HasPending on one. No lock is held
+// while waiting for the network.
 #include "util/socket.h"
 
 #include <netinet/in.h>
@@ -21,8 +21,8 @@
 namespace zeb::util {
 namespace {
 
-// How long a TLS writer waits for the descriptor at once: the reading thread may take the very bytes that
-// the writer waits for, and the descriptor would not announce them again.
+// A TLS writer waits for the descriptor in slices: the reading thread may take the very bytes that the writer
+// waits for, and the descriptor does not announce them again.
 constexpr int64_t k_tls_wait_slice_us = 50'000;
 
 ScopedFd OpenSocket(Socket::Protocol protocol, Socket::Domain domain) {
@@ -44,7 +44,7 @@ void SetBufferSize(int fd, int option, int32_t size) {
   ZEB_LOG(LOG_WARNING, "buffer size %d not set: %s", size, std::generic_category().message(error).c_str());
 }
 
-// The same results as TlsSession::Write.
+// Returns the same as TlsSession::Write.
 ssize_t WriteTcp(int fd, const void* data, size_t length) {
   for (;;) {
     const ssize_t sent = ::send(fd, data, length, MSG_NOSIGNAL);
@@ -82,7 +82,7 @@ struct SocketClient::State {
   const SocketClientOption option;
   int fd = -1;
   std::unique_ptr<TlsSession> tls;  // null for plain TCP
-  bool connected = false;           // like all above never changed after the constructor
+  bool connected = false;           // like all above, does not change after the constructor
   SendTurn turn;
 
   bool Connect(const std::string& iface, Domain domain, const std::string& path);
@@ -97,7 +97,7 @@ bool SocketClient::State::Connect(const std::string& iface, Domain domain, const
     ZEB_LOG(LOG_ERR, "%s is not an address, ';' and a port", path.c_str());
     return false;
   }
-  if (option.ssl != nullptr) {  // before the peer hears of us, since an unusable context ends it here
+  if (option.ssl != nullptr) {  // first, so that an unusable context contacts nobody
     tls = TlsSession::Create(fd, *option.ssl, option.host.empty() ? target.address : option.host);
     if (tls == nullptr) return false;
   }
@@ -124,7 +124,7 @@ ssize_t SocketClient::State::WriteUnit(const char* data, size_t length, const De
     WaitForDescriptor(fd, wanted,
                       tls != nullptr ? std::min(remaining_us, k_tls_wait_slice_us) : remaining_us);
   }
-  // TLS has taken the record that it could not write: it would go out in front of the next unit.
+  // TLS keeps a record that it could not write, and would send it before the next unit.
   *cut_short = error || (sent < length && (sent > 0 || tls != nullptr));
   return sent > 0 || length == 0 ? static_cast<ssize_t>(sent) : -1;
 }
@@ -136,7 +136,7 @@ SocketClient::SocketClient(const std::string& iface, Protocol protocol, Domain d
   if (!fd_.valid()) return;
   state_->fd = fd_.get();
   state_->connected = state_->Connect(iface, domain, path);
-  // The descriptor stays open; without this the kernel would go on connecting and the peer waiting.
+  // The descriptor stays open. Without this the kernel would continue connecting, and the peer would wait.
   if (!state_->connected) ::shutdown(fd_.get(), SHUT_RDWR);
 }
 
@@ -147,14 +147,14 @@ bool SocketClient::IsConnected() const { return state_->connected; }
 ssize_t SocketClient::Send(const void* data, size_t length, bool last) {
   const Deadline deadline(state_->option.timeout_us);
   if (!state_->connected || !state_->turn.Take(deadline)) return -1;
-  bool cut_short = true;  // until it is known better, even by an exception
+  bool cut_short = true;  // unless WriteUnit says otherwise; it may throw
   const ScopeExit give([&] { state_->turn.Give(cut_short || last); });
   return state_->WriteUnit(static_cast<const char*>(data), length, deadline, &cut_short);
 }
 
 ssize_t SocketClient::Recv(void* data, size_t length) {
   if (!state_->connected) return -1;
-  if (length == 0) return k_nothing_now;  // 0 would say that the peer closed
+  if (length == 0) return k_nothing_now;  // 0 would mean that the peer has closed
   return state_->tls != nullptr ? state_->tls->Read(data, length) : ReadTcp(fd_.get(), data, length);
 }
 
@@ -166,7 +166,7 @@ void SocketClient::Shutdown() {
   state_->turn.Refuse();
   if (!state_->connected) return;
   if (state_->tls != nullptr) state_->tls->CloseNotify();
-  ::shutdown(fd_.get(), SHUT_RDWR);  // wakes whoever polls the descriptor
+  ::shutdown(fd_.get(), SHUT_RDWR);  // wakes threads that poll the descriptor
 }
 
 }  // namespace zeb::util

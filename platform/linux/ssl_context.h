@@ -1,4 +1,4 @@
-// What an SslWrapper hands to the TLS sessions, and the text of OpenSSL's errors.
+// What an SslWrapper passes to the TLS sessions, and the text of OpenSSL's errors. Any thread.
 #pragma once
 
 #include <openssl/err.h>
@@ -12,7 +12,7 @@
 
 namespace zeb::util {
 
-/// Frees an OpenSSL object with its own function.
+/// Frees an OpenSSL object with the function for its type.
 template <auto Free>
 struct OpensslDeleter {
   template <typename T>
@@ -21,14 +21,14 @@ struct OpensslDeleter {
   }
 };
 
-/// Filled by the SslWrapper's thread, then only read.
+/// Filled by the thread that builds the SslWrapper, then only read.
 struct SslWrapper::Context {
   std::unique_ptr<SSL_CTX, OpensslDeleter<SSL_CTX_free>> ctx;  ///< null when the method was refused
-  bool own_roots = false;  ///< the context's store holds the trusted certificates; else the system's are used
-  bool usable = false;     ///< cleared for good by the first failed call: then no connection is made
+  bool own_roots = false;  ///< `ctx` holds the trusted certificates; otherwise the system's are used
+  bool usable = false;     ///< cleared for good by the first failed call; no connection is made then
 };
 
-/// Why something was refused; `code` is an entry of OpenSSL's error queue, 0 when it was never asked.
+/// Why something was refused. `code` is from OpenSSL's error queue, or 0 if OpenSSL was not asked.
 inline std::string OpensslReason(unsigned long code) {
   if (code == 0) return "not a valid value";
 #ifdef ERR_SYSTEM_ERROR

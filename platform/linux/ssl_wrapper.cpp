@@ -1,5 +1,5 @@
 // Fills OpenSSL contexts: versions, ciphers, trusted certificates, the client's own certificate and key.
-// One thread fills a context; nothing here runs once connections use it.
+// One thread fills a context, before any connection uses it.
 #include "util/ssl_wrapper.h"
 
 #include <openssl/pem.h>
@@ -20,7 +20,7 @@ using StorePtr = std::unique_ptr<X509_STORE, OpensslDeleter<X509_STORE_free>>;
 struct VersionRange {
   SslWrapper::Method method;
   int oldest;
-  int newest;  // 0: the newest there is
+  int newest;  // 0: no limit
 };
 
 constexpr VersionRange k_version_ranges[] = {
@@ -38,11 +38,11 @@ const VersionRange* FindVersions(SslWrapper::Method method) {
 // An encrypted key must fail: a prompt would block a program that has no terminal.
 int RefusePassword(char*, int, int, void*) { return -1; }
 
-// What is refused without a reason of OpenSSL's: like all its codes none of Result's values.
+// The result of a refusal for which OpenSSL has no code. Like OpenSSL's codes, it is not a value of Result.
 constexpr int32_t k_unusable = ERR_PACK(ERR_LIB_SSL, 0, ERR_R_SSL_LIB);
 
-// Closes the context for good. Logs what failed with the root cause, which OpenSSL queues first, and returns
-// the outermost error as the caller's result.
+// Makes the context unusable for good. Logs the root cause, which OpenSSL queues first. Returns the outermost
+// error, which becomes the caller's result.
 int32_t Fail(SslWrapper::Context* context, const char* what, const std::string& subject) {
   context->usable = false;
   const std::string reason = OpensslReason(::ERR_peek_error());
@@ -74,7 +74,7 @@ bool LoadCertificate(SSL_CTX* ctx, const std::string& path, SslWrapper::FileType
   return ::SSL_CTX_use_certificate_file(ctx, path.c_str(), OpensslType(type)) == 1;
 }
 
-// The elements' names, each appended to the list of its protocol version.
+// Appends each cipher's name to the list of its protocol version.
 void SplitCipherLists(const std::vector<std::string>& lists, std::string* tls1_2, std::string* tls1_3) {
   for (const std::string& list : lists) {
     for (size_t begin = 0, end = 0; begin < list.size(); begin = end + 1) {
@@ -88,8 +88,8 @@ void SplitCipherLists(const std::vector<std::string>& lists, std::string* tls1_2
   }
 }
 
-// The two versions' ciphers are set apart, and each keeps its defaults until told otherwise: a version none
-// of whose ciphers was named is therefore switched off.
+// OpenSSL sets the ciphers of the two versions separately, and a version that is not set keeps its defaults.
+// A version for which no cipher was named is therefore disabled.
 bool SetCiphers(SSL_CTX* ctx, const std::string& tls1_2, const std::string& tls1_3) {
   if (tls1_2.empty()) {
     if (::SSL_CTX_set_min_proto_version(ctx, TLS1_3_VERSION) != 1) return false;
@@ -123,7 +123,7 @@ SslWrapper::SslWrapper(bool server, Method method) : context_(std::make_unique<C
   }
   ::SSL_CTX_set_verify(ctx, SSL_VERIFY_PEER, nullptr);
   ::SSL_CTX_set_options(ctx, SSL_OP_NO_RENEGOTIATION);
-  // A unit is offered again from where it stopped, not from its begin.
+  // A unit is written again from where it stopped, not from its start.
   ::SSL_CTX_set_mode(ctx, SSL_MODE_ENABLE_PARTIAL_WRITE | SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER);
   ::SSL_CTX_set_default_passwd_cb(ctx, RefusePassword);
   context_->usable = true;
@@ -149,7 +149,7 @@ int32_t SslWrapper::SetRootCaFile(const std::string& path, FileType type) {
   StorePtr store(::X509_STORE_new());
   if (!KnownType(type) || store == nullptr || !LoadRoots(store.get(), path, type))
     return Fail(context_.get(), "root CA file", path);
-  // Whatever stands in the file is trusted, be it an intermediate authority or the broker's own certificate.
+  // Every certificate in the file is trusted, even that of an intermediate authority or of the broker itself.
   ::X509_STORE_set_flags(store.get(), X509_V_FLAG_PARTIAL_CHAIN);
   ::SSL_CTX_set_cert_store(context_->ctx.get(), store.release());
   context_->own_roots = true;

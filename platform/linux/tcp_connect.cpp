@@ -1,4 +1,4 @@
-// Steps of a TCP connect: parse the address, bind to the interface, connect and wait. Any thread.
+// The steps of a TCP connect: parse the address, bind to the interface, connect and wait. Any thread.
 #include "platform/linux/tcp_connect.h"
 
 #include <net/if.h>
@@ -22,7 +22,7 @@ struct SocketAddress {
   [[nodiscard]] const sockaddr* get() const { return reinterpret_cast<const sockaddr*>(&storage); }
 };
 
-// Through the resolver's literal parser, because it alone turns a zone's name into its number.
+// Uses the resolver, because it also turns the name of a zone into its number.
 bool ParseAddress(Socket::Domain domain, const std::string& address, const std::string& port,
                   SocketAddress* parsed) {
   addrinfo hints{};
@@ -38,11 +38,11 @@ bool ParseAddress(Socket::Domain domain, const std::string& address, const std::
   return true;
 }
 
-// The second choice, for processes that may not bind to a device: it decides the source address, and with
-// it the interface wherever the routes go by source.
+// The fallback for processes that may not bind to a device. It sets the source address, and thereby the
+// interface if routes depend on the source.
 bool BindToAddressOf(int fd, Socket::Domain domain, const std::string& iface) {
   std::string own;
-  (void)NetworkManager::GetIpAddress(iface, own, domain == Socket::Domain::kIpv6);  // empty tells it
+  (void)NetworkManager::GetIpAddress(iface, own, domain == Socket::Domain::kIpv6);  // empty on failure
   SocketAddress local;
   if (own.empty() || !ParseAddress(domain, own, "0", &local)) {
     ZEB_LOG(LOG_ERR, "interface %s has no address to connect from", iface.c_str());
@@ -56,7 +56,7 @@ bool BindToAddressOf(int fd, Socket::Domain domain, const std::string& iface) {
 }
 
 bool BindToInterface(int fd, Socket::Domain domain, const std::string& iface) {
-  if (iface.size() >= IFNAMSIZ) {  // the kernel would cut it and could take another interface for it
+  if (iface.size() >= IFNAMSIZ) {  // cut by the kernel, it could name another interface
     ZEB_LOG(LOG_ERR, "interface name %s is too long", iface.c_str());
     return false;
   }
@@ -69,7 +69,7 @@ bool BindToInterface(int fd, Socket::Domain domain, const std::string& iface) {
   return false;
 }
 
-// 0, or the errno of the failure.
+// Returns 0 or an errno.
 int ConnectBefore(int fd, const SocketAddress& remote, const Deadline& deadline) {
   if (::connect(fd, remote.get(), remote.length) == 0) return 0;
   if (errno != EINPROGRESS && errno != EINTR) return errno;

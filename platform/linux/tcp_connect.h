@@ -1,4 +1,4 @@
-// Connects a TCP socket to a literal address, through a chosen interface, within a deadline. Any thread.
+// Connects a TCP socket to an address literal by a deadline, optionally through one interface. Any thread.
 #pragma once
 
 #include <string>
@@ -8,17 +8,17 @@
 
 namespace zeb::util {
 
-/// Where a connection goes, as text.
+/// The destination of a connection, as text.
 struct TcpTarget {
-  std::string address;  ///< a literal; IPv6 may bear a zone
+  std::string address;  ///< a literal; an IPv6 one may have a zone
   std::string port;     ///< decimal, 1 to 65535
 };
 
-/// Splits "address;port". False when the text is not of that form.
+/// Splits "address;port". Returns false if the text does not have that form.
 bool ParsePath(const std::string& path, TcpTarget* target);
 
-/// Connects the non-blocking socket `fd` of the domain; with a non-empty `iface` through that interface.
-/// False, after one LOG_ERR line, when that fails or the deadline passes.
+/// Connects the non-blocking socket `fd`, through `iface` unless that is empty. If that fails or the deadline
+/// passes, writes one LOG_ERR line and returns false.
 bool ConnectTcp(int fd, Socket::Domain domain, const std::string& iface, const TcpTarget& target,
                 const Deadline& deadline);
 

@@ -1,4 +1,4 @@
-// Starts threads that take no signals.
+// Starts threads that receive no signals. Any thread.
 #include "util/thread.h"
 
 #include <csignal>
@@ -10,7 +10,7 @@
 namespace zeb::util {
 namespace {
 
-// A thread inherits its creator's mask; blocking inside the new thread would leave a gap at its begin.
+// A new thread inherits its creator's mask. Blocking signals only in the new thread would leave a gap.
 class AllSignalsBlocked {
  public:
   AllSignalsBlocked() {

@@ -1,4 +1,4 @@
-// TLS on OpenSSL: handshake, reads and writes that never wait for the network with the lock held.
+// TLS through OpenSSL. Any thread. The lock is never held while waiting for the network.
 #include "platform/linux/tls_session.h"
 
 #include <openssl/bio.h>
@@ -17,10 +17,10 @@
 namespace zeb::util {
 namespace {
 
-// Records that wait for room beyond this come from a peer that makes us answer on and on and reads nothing.
+// Bytes. Only a peer that demands answers without end and reads none of them makes a session hold more.
 constexpr size_t k_most_held = 65'536;
 
-// 0 when `ssl_error` is not one that a wait mends.
+// Returns what to wait for, or 0 if waiting does not help.
 short WantedEvent(int ssl_error) {
   if (ssl_error == SSL_ERROR_WANT_READ) return POLLIN;
   if (ssl_error == SSL_ERROR_WANT_WRITE) return POLLOUT;
@@ -29,7 +29,7 @@ short WantedEvent(int ssl_error) {
 
 bool MustRetry(int error) { return error == EAGAIN || error == EWOULDBLOCK || error == EINTR; }
 
-// The system's trusted certificates, in a store of the session's own: the context is shared between threads.
+// Gives the session a store of its own for the system's trusted certificates: threads share the context.
 bool TrustSystemRoots(SSL* ssl) {
   X509_STORE* const store = ::X509_STORE_new();
   if (store == nullptr) return false;
@@ -60,9 +60,9 @@ std::unique_ptr<TlsSession> TlsSession::Create(int fd, const SslWrapper& ssl, co
 
 TlsSession::~TlsSession() { ::SSL_free(ssl_); }
 
-// OpenSSL's own socket BIO writes in a way that raises SIGPIPE; the signal belongs to the application.
+// OpenSSL's own socket BIO can raise SIGPIPE, a signal that belongs to the application.
 bool TlsSession::AttachBio() {
-  static BIO_METHOD* const method = [] {  // never freed: sessions may outlive the end of main
+  static BIO_METHOD* const method = [] {  // never freed: sessions may outlive main()
     BIO_METHOD* const made = ::BIO_meth_new(::BIO_get_new_index() | BIO_TYPE_SOURCE_SINK, "zeb socket");
     if (made == nullptr) return made;
     ::BIO_meth_set_write(made, BioWrite);
@@ -78,7 +78,7 @@ bool TlsSession::AttachBio() {
   return true;
 }
 
-// Takes all, whether or not the descriptor has room: were a record left half written inside OpenSSL, a key
+// Accepts everything, even if the descriptor has no room. If OpenSSL were left with half a record, a key
 // update or an alert that it has to send meanwhile, even while reading, would be an error.
 int TlsSession::BioWrite(BIO* bio, const char* data, int length) {
   auto* const session = static_cast<TlsSession*>(::BIO_get_data(bio));
@@ -88,11 +88,11 @@ int TlsSession::BioWrite(BIO* bio, const char* data, int length) {
     return -1;
   }
   session->held_.append(data, static_cast<size_t>(length));
-  (void)session->Flush();  // whoever writes next finds out
+  (void)session->Flush();  // the next write reports a failure
   return length;
 }
 
-// Sends the held records as far as there is room. True when none is left, else `io_error_` tells why.
+// Sends as much of the held records as fits. Returns false and sets `io_error_` if some are left.
 bool TlsSession::Flush() {
   while (!held_.empty()) {
     const ssize_t sent = ::send(fd_, held_.data(), held_.size(), MSG_NOSIGNAL);
@@ -108,7 +108,7 @@ bool TlsSession::Flush() {
 int TlsSession::BioRead(BIO* bio, char* data, int length) {
   auto* const session = static_cast<TlsSession*>(::BIO_get_data(bio));
   BIO_clear_retry_flags(bio);
-  if (session->HandshakeIsOver()) {  // a peer that sends on and on must not keep OpenSSL reading
+  if (session->HandshakeIsOver()) {  // a peer that never stops sending must not keep OpenSSL reading
     BIO_set_retry_read(bio);
     return -1;
   }
@@ -132,12 +132,12 @@ long TlsSession::BioControl(BIO* bio, int command, long, void*) {
 bool TlsSession::ExpectHost(const std::string& host) {
   X509_VERIFY_PARAM* const expected = ::SSL_get0_param(ssl_);
   if (NetworkManager::IsValidAddress(host, false) || NetworkManager::IsValidAddress(host, true)) {
-    const std::string address = host.substr(0, host.find('%'));  // certificates know no zones
+    const std::string address = host.substr(0, host.find('%'));  // certificates have no zones
     return ::X509_VERIFY_PARAM_set1_ip_asc(expected, address.c_str()) == 1;
   }
   std::string name = host;
-  if (!name.empty() && name.back() == '.') name.pop_back();  // the root's dot is no part of a certified name
-  // An empty name would match every certificate, and one that begins with a dot every name below it.
+  if (!name.empty() && name.back() == '.') name.pop_back();  // certificates omit the root's dot
+  // An empty name would match every certificate, and a name with a leading dot all names below it.
   if (name.empty() || name.front() == '.') return false;
   ::SSL_set_hostflags(ssl_, X509_CHECK_FLAG_NO_PARTIAL_WILDCARDS);
   return ::X509_VERIFY_PARAM_set1_host(expected, name.data(), name.size()) == 1 &&
@@ -163,7 +163,7 @@ bool TlsSession::Handshake(const Deadline& deadline) {
   return true;
 }
 
-// True when the handshake is done. Else `*wanted` is what to wait for, or 0 after a failure.
+// Returns true when done. Otherwise sets `*wanted` to the event to wait for, or to 0 after a failure.
 bool TlsSession::HandshakeStep(short* wanted) {
   MutexLock lock(mutex_);
   ::ERR_clear_error();
@@ -203,7 +203,7 @@ ssize_t TlsSession::Write(const void* data, size_t length, short* wanted) {
     *wanted = POLLOUT;
     return 0;
   }
-  // When it was the descriptor that failed, what the peer said before can still be read.
+  // If only the descriptor failed, what the peer sent before can still be read.
   ZEB_LOG(LOG_WARNING, "TLS write failed: %s", FailureReason().c_str());
   return -1;
 }
@@ -220,7 +220,7 @@ ssize_t TlsSession::Read(void* data, size_t length) {
   if (WantedEvent(ssl_error) != 0) return SocketClient::k_nothing_now;
   if (ssl_error == SSL_ERROR_ZERO_RETURN) return 0;
   failed_ = true;
-  if (peer_closed_) return 0;  // without a farewell, but in order
+  if (peer_closed_) return 0;  // TCP was closed in order, only without a TLS alert
   ZEB_LOG(LOG_WARNING, "TLS read failed: %s", FailureReason().c_str());
   return -1;
 }
@@ -234,9 +234,9 @@ void TlsSession::CloseNotify() {
   MutexLock lock(mutex_);
   if (!established_ || failed_ || unit_open_) return;
   if ((::SSL_get_shutdown(ssl_) & SSL_SENT_SHUTDOWN) != 0)
-    return;  // a second call would read, and drop, data
+    return;  // a second call would read and discard data
   ::ERR_clear_error();
-  (void)::SSL_shutdown(ssl_);  // whether the peer hears of it or not, the connection ends now
+  (void)::SSL_shutdown(ssl_);  // the connection ends now even if this fails
 }
 
 }  // namespace zeb::util

@@ -1,5 +1,5 @@
-// One TLS connection over a non-blocking descriptor that somebody else owns.
-// All threads; its lock is held only around OpenSSL's calls, none of which waits.
+// One TLS connection over a non-blocking descriptor that it does not own. Any thread: a lock is held around
+// OpenSSL's calls, none of which waits.
 #pragma once
 
 #include <sys/types.h>
@@ -19,28 +19,29 @@ namespace zeb::util {
 
 class TlsSession {
  public:
-  /// Prepares a session with a peer whose certificate must bear `host`, a name or an address literal. Null,
-  /// after one LOG_ERR line, when the context is not usable.
+  /// Prepares a session with a peer whose certificate must be valid for `host`, a name or an address literal.
+  /// On failure, writes one LOG_ERR line and returns null.
   static std::unique_ptr<TlsSession> Create(int fd, const SslWrapper& ssl, const std::string& host);
   ~TlsSession();
   TlsSession(const TlsSession&) = delete;
   TlsSession& operator=(const TlsSession&) = delete;
 
-  /// Negotiates with the peer and verifies it. False, after one LOG_ERR line, on a failure or at the
-  /// deadline.
+  /// Negotiates with the peer and verifies its certificate. On a failure or at the deadline, writes one
+  /// LOG_ERR line and returns false.
   bool Handshake(const Deadline& deadline);
 
-  /// Writes what it can of the rest of a unit: the count; 0 when it has to wait for `*wanted` (POLLIN or
-  /// POLLOUT), after which the same bytes must be offered again; -1 on an error, which is for good.
+  /// Writes as much as it can of the rest of a unit and returns the number of bytes. Returns 0 if the caller
+  /// must wait for `*wanted` (POLLIN or POLLOUT) and then pass the same bytes again. Returns -1 on an error,
+  /// which is permanent.
   ssize_t Write(const void* data, size_t length, short* wanted);
 
-  /// As SocketClient::Recv, with `length` above 0.
+  /// Like SocketClient::Recv, but `length` must be above 0.
   ssize_t Read(void* data, size_t length);
 
-  /// Whether decrypted bytes wait.
+  /// Whether decrypted bytes are waiting.
   bool HasPending();
 
-  /// Tells the peer that nothing more comes, unless a unit was cut short. Tries once.
+  /// Tells the peer that nothing more will come, unless a unit was cut short. Tries once, without waiting.
   void CloseNotify();
 
  private:
@@ -59,14 +60,14 @@ class TlsSession {
   const int fd_;
   Mutex mutex_;  // guards all below once the handshake is done
   ssl_st* ssl_ = nullptr;
-  bool peer_closed_ = false;                   // the descriptor reported its end
+  bool peer_closed_ = false;                   // the descriptor reported the end of the stream
   int io_error_ = 0;                           // errno of the descriptor's last failure
-  const Deadline* handshake_limit_ = nullptr;  // while the handshake runs
-  std::string held_;                           // records for which the descriptor has had no room yet
-  size_t taken_ = 0;                           // the unit's bytes in them
+  const Deadline* handshake_limit_ = nullptr;  // set while the handshake runs
+  std::string held_;                           // records for which the descriptor had no room yet
+  size_t taken_ = 0;                           // bytes of the current unit in these records
   bool established_ = false;
   bool failed_ = false;     // OpenSSL allows no call after an error
-  bool unit_open_ = false;  // the last write left a rest
+  bool unit_open_ = false;  // the last unit is not written completely
 };
 
 }  // namespace zeb::util

@@ -1,4 +1,4 @@
-// The smallest publisher: one message at QoS 1 to the broker given on the command line.
+// The smallest publisher: sends one message at QoS 1 to the broker given on the command line.
 #include <cstdio>
 #include <cstdlib>
 
@@ -16,7 +16,7 @@ int main(int argc, char** argv) {
   zeb::mqtt::MqttWrapper::PublishOption message;
   message.topic = argv[3];
   message.payload = argv[4];
-  const zeb::Result sent = client.Publish(message);  // returns when the broker has acknowledged it
-  (void)client.StopClient(nullptr);                  // the message is safe whatever comes of the goodbye
+  const zeb::Result sent = client.Publish(message);  // returns once the broker has acknowledged it
+  (void)client.StopClient(nullptr);                  // the message is safe even if this fails
   return sent == zeb::kSuccess ? 0 : 1;
 }

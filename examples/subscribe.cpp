@@ -15,7 +15,7 @@ int main(int argc, char** argv) {
   broker.host = argv[1];
   broker.port = std::atoi(argv[2]);
   broker.client_id = "smallest-subscriber";
-  // Runs on the client's own thread: be brief, and hand longer work to a thread of yours.
+  // Runs on the client's own thread: return quickly, and hand longer work to a thread of yours.
   broker.message_cb = [](zeb::mqtt::MqttWrapper::PublishMessage& message) {
     std::printf("%s: %s\n", message.topic.c_str(), message.payload.c_str());
     std::fflush(stdout);
@@ -23,9 +23,9 @@ int main(int argc, char** argv) {
   if (client.StartClient(broker, nullptr) != zeb::kSuccess) return 1;
 
   zeb::mqtt::MqttWrapper::SubscribeOption wanted;
-  wanted.topics[argv[3]] = 1;  // delivered at QoS 1 at most
+  wanted.topics[argv[3]] = 1;  // deliver at QoS 1 at most
   zeb::mqtt::MqttWrapper::SubscriptionAck granted;
-  // The result tells that the broker has answered; its verdict stands in the acknowledgement.
+  // The result says only that the broker has answered. The acknowledgement holds its decision.
   if (client.Subscribe(wanted, &granted) != zeb::kSuccess || granted.reason_code > 2) return 1;
 
   constexpr int k_established = 2;

@@ -1,8 +1,7 @@
-// A connection that is looked after, as a product needs it: connects again with growing pauses, subscribes
-// again, and sends again what failed. Each line of standard input is accepted into a bounded queue and
-// published to PREFIX/reading at QoS 1; what arrives on PREFIX/command is printed. At the end of the input it
-// sends what is left, and stops. Whoever produces faster than the network takes has to wait: nothing accepted
-// is dropped.
+// Keeps a connection alive, as a product must: reconnects with growing pauses, subscribes again, and repeats
+// messages that failed. Each line of standard input enters a bounded queue and is published to PREFIX/reading
+// at QoS 1. Messages on PREFIX/command are printed. At the end of the input, the rest of the queue is sent
+// and the program ends. A producer that is faster than the network has to wait; nothing accepted is dropped.
 #include <syslog.h>
 
 #include <algorithm>
@@ -30,18 +29,18 @@ class Supervisor {
   Supervisor(MqttWrapper::ConnectOption broker, std::string prefix)
       : broker_(std::move(broker)), prefix_(std::move(prefix)) {
     broker_.clean_session = false;             // the broker keeps commands while we are away...
-    broker_.session_expiry_interval = 86'400;  // ...MQTT 5.0 needs to be told for how long
-    // Runs on the client's thread. A command that takes time belongs into a queue of its own.
+    broker_.session_expiry_interval = 86'400;  // ...and MQTT 5.0 must be told for how long
+    // Runs on the client's thread. A command that takes time belongs in a queue of its own.
     broker_.message_cb = [](MqttWrapper::PublishMessage& message) {
       std::printf("command: %s\n", message.payload.c_str());
       std::fflush(stdout);
     };
-    // Only wakes the main loop, which alone stops and starts the client. Holds what it touches: it may still
-    // run when the client is gone.
+    // Only wakes the main loop, which alone starts and stops the client. Shares ownership of the state,
+    // because it may still run when the client is gone.
     broker_.disconnect_cb = [state = state_](MqttWrapper*, int) { state->Wake(); };
   }
 
-  /// Accepts a reading; waits while the queue is full. Any thread.
+  /// Accepts a reading, after waiting for room in the queue. Any thread.
   void Accept(std::string reading) {
     std::unique_lock<std::mutex> lock(state_->mutex);
     state_->changed.wait(lock, [this] { return state_->queue.size() < kMostQueued; });
@@ -49,7 +48,7 @@ class Supervisor {
     state_->changed.notify_all();
   }
 
-  /// Nothing more is accepted: Run returns once the queue is empty. Any thread.
+  /// Ends the input. Run returns once the queue is empty. Any thread.
   void Finish() {
     const std::lock_guard<std::mutex> lock(state_->mutex);
     state_->finishing = true;
@@ -62,7 +61,7 @@ class Supervisor {
       if (!Established() && !Connect()) {
         Pause();
       } else if (!SendFirst()) {
-        (void)client_.StopClient(nullptr);  // whatever it was: a new connection starts clean
+        (void)client_.StopClient(nullptr);  // whatever failed, a new connection starts clean
         Pause();
       }
     }
@@ -87,7 +86,7 @@ class Supervisor {
 
   bool Established() const { return client_.GetStatusInfo().status == kEstablished; }
 
-  // Sleeps until there is a reading to send or a connection to make. False: all is done.
+  // Sleeps until there is a reading to send or a connection to make. Returns false when all is done.
   bool AwaitWork() {
     std::unique_lock<std::mutex> lock(state_->mutex);
     const auto ready = [this] { return state_->finishing || !state_->queue.empty() || !Established(); };
@@ -96,20 +95,20 @@ class Supervisor {
   }
 
   bool Connect() {
-    (void)client_.StopClient(nullptr);  // clears away what the lost connection left
+    (void)client_.StopClient(nullptr);  // cleans up after the lost connection
     if (client_.StartClient(broker_, nullptr) != zeb::kSuccess) return false;
-    // Also where the broker remembers the session: it may have lost its memory, and once too often does no
-    // harm.
+    // Subscribes even if the broker has kept the session: the subscription may be lost, and a second one does
+    // no harm.
     MqttWrapper::SubscribeOption wanted;
     wanted.topics[prefix_ + "/command"] = 1;
     MqttWrapper::SubscriptionAck granted;
     if (client_.Subscribe(wanted, &granted) == zeb::kSuccess && granted.reason_code <= 2) return true;
-    (void)client_.StopClient(nullptr);  // half a connection is none
+    (void)client_.StopClient(nullptr);  // without the subscription the connection is useless
     return false;
   }
 
-  // The reading leaves the queue when the broker has acknowledged it, not before. If only the acknowledgement
-  // is lost it is sent again and arrives twice: that is QoS 1.
+  // The reading stays in the queue until the broker has acknowledged it. If only the acknowledgement is lost,
+  // the reading is sent again and arrives twice: that is QoS 1.
   bool SendFirst() {
     MqttWrapper::PublishOption message;
     message.topic = prefix_ + "/reading";
@@ -118,9 +117,8 @@ class Supervisor {
       if (state_->queue.empty()) return true;
       message.payload = state_->queue.front();
     }
-    const zeb::Result result =
-        client_.Publish(message);           // without the lock: it may take as long as the time-out
-    if (result == zeb::kInvalidArgument) {  // too long: the library would refuse it for ever
+    const zeb::Result result = client_.Publish(message);  // without the lock, since it may block for long
+    if (result == zeb::kInvalidArgument) {                // too large: it would be refused every time
       std::fprintf(stderr, "refused: a reading of %zu bytes\n", message.payload.size());
     } else if (result != zeb::kSuccess) {
       return false;
@@ -132,7 +130,7 @@ class Supervisor {
     return true;
   }
 
-  // Between half of the pause and all of it: a thousand devices must not come back in the same instant.
+  // Sleeps for a random part of the pause, at least half, so that a thousand devices do not return at once.
   void Pause() {
     std::uniform_int_distribution<int64_t> spread(pause_.count() / 2, pause_.count());
     std::this_thread::sleep_for(milliseconds(spread(random_)));
@@ -151,7 +149,7 @@ class Supervisor {
 
 int main(int argc, char** argv) {
   if (argc < 4) return std::fprintf(stderr, "usage: %s HOST PORT PREFIX\n", argv[0]), 2;
-  ::setlogmask(LOG_UPTO(LOG_WARNING));  // at LOG_DEBUG the library logs every packet, the password included
+  ::setlogmask(LOG_UPTO(LOG_WARNING));  // LOG_DEBUG would log every packet, and the password
   MqttWrapper::ConnectOption broker;
   broker.host = argv[1];
   broker.port = std::atoi(argv[2]);

@@ -1,5 +1,5 @@
-// The main job from start to stop: two clients exchange QoS 0, 1 and 2 messages through a broker, under MQTT
-// 3.1.1 and 5.0. Prints each step; exits with 0 when every message arrived.
+// The library's main job from start to stop: two clients exchange QoS 0, 1 and 2 messages through a broker,
+// first with MQTT 3.1.1, then with 5.0. Prints each step and exits with 0 if every message arrived.
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
@@ -17,7 +17,7 @@ using zeb::mqtt::MqttWrapper;
 constexpr const char* kTopic = "demo/room";
 constexpr auto kPatience = std::chrono::seconds(10);
 
-// What the listener has received. Filled on its receive thread, awaited by main.
+// What the listener has received. Its receive thread adds, the main thread waits.
 class Inbox {
  public:
   void Add(const std::string& text) {

@@ -1,4 +1,4 @@
-// The commands. Each runs on the main thread, returns the exit code or throws Failure.
+// The commands. Each runs on the main thread and returns the exit code or throws Failure.
 #pragma once
 
 #include "tools/connection.h"

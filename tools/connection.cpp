@@ -1,4 +1,4 @@
-// Every wait here also watches for the end of the run, so that a signal never has to wait for the network.
+// Every wait also watches for the end of the run, so that a signal never waits for the network.
 #include "tools/connection.h"
 
 #include <poll.h>
@@ -18,7 +18,7 @@ constexpr milliseconds kLongestPause{30'000};
 constexpr milliseconds kLossIsTold{1'000};  // a request may fail a moment before the loss is reported
 constexpr int32_t kMqtt5 = 2;
 
-// Refusals that tell of the broker's state, not of what this client is.
+// Whether the refusal is due to the broker's present state, not to this client.
 bool MayPass(int32_t code) {
   using Code = MqttWrapper::ConnectReasonCode;
   switch (static_cast<Code>(code)) {
@@ -58,9 +58,9 @@ std::string Connection::CodeText(int32_t code) const {
   return name + number;
 }
 
-// One try. Returns what went wrong, or an empty text.
+// Makes one attempt. Returns what went wrong, or an empty text.
 std::string Connection::Attempt(bool* may_pass) {
-  Close();  // what an earlier connection left behind
+  Close();  // cleans up after an earlier connection
   ending_.Check();
   loss_ = std::make_shared<Loss>();
   option_.disconnect_cb = [loss = loss_](MqttWrapper*, int reason) {
@@ -79,13 +79,13 @@ std::string Connection::Attempt(bool* may_pass) {
       return Name() + " does not answer as an MQTT broker";
     case kInvalidArgument:
       return std::string("cannot reach ") + Name() + (option_.tls ? " or not trust it" : "") +
-             " (--debug tells more)";
+             " (--debug shows more)";
     case kNoAddress:
       return "no address to reach " + Name() + (option_.iface_name.empty() ? "" : " over ") +
              option_.iface_name;
     default:
       *may_pass = false;
-      return "cannot use the CA, certificate or key file (--debug tells more)";
+      return "cannot use the CA, certificate or key file (--debug shows more)";
   }
 }
 
@@ -96,14 +96,14 @@ void Connection::Open() {
     bool may_pass = true;
     const std::string trouble = Attempt(&may_pass);
     if (trouble.empty()) return;
-    // Between half of the pause and all of it, so that many clients do not come back at once.
+    // Waits a random part of the pause, at least half, so that many clients do not reconnect at once.
     const milliseconds wait(
         std::uniform_int_distribution<int64_t>(pause.count() / 2, pause.count())(random_));
     const bool allowed = retry_.enabled() && may_pass && (retry_.count == 0 || failures <= retry_.count) &&
                          (retry_.seconds == 0 || Clock::now() + wait < give_up);
     if (!allowed) throw Failure(kNoConnection, trouble);
     char again[40] = {};
-    std::snprintf(again, sizeof again, "; again in %.1f s", static_cast<double>(wait.count()) / 1'000);
+    std::snprintf(again, sizeof again, "; trying again in %.1f s", static_cast<double>(wait.count()) / 1'000);
     Say(trouble + again);
     pollfd ending{ending_.fd(), POLLIN, 0};
     (void)::poll(&ending, 1, static_cast<int>(wait.count()));
@@ -126,14 +126,14 @@ bool Connection::LostBehind() { return Await(-1, Clock::now() + kLossIsTold) == 
 
 std::string Connection::LossText() const {
   const int32_t code = client_.GetStatusInfo().reason_code;
-  if (code != 0) return "the broker disconnects: " + CodeText(code);
+  if (code != 0) return "the broker disconnected: " + CodeText(code);
   switch (loss_->reason) {
     case 1:
       return "the broker closed it";
     case 3:
-      return "the broker does not answer pings";
+      return "the broker did not answer a ping";
     default:
-      return "network or protocol error (--debug tells more)";
+      return "network or protocol error (--debug shows more)";
   }
 }
 
@@ -143,7 +143,7 @@ void Connection::RecoverFrom(const std::string& trouble) {
     return;
   }
   if (!retry_.enabled()) throw Failure(kFailed, trouble);
-  Say(trouble + "; connecting again");
+  Say(trouble + "; reconnecting");
   Open();
 }
 

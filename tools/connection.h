@@ -1,5 +1,4 @@
-// One client and its connection: made as often as --retry allows, watched, and ended in order. Main thread
-// only.
+// One client and its connection, which is made as often as --retry allows. Main thread only.
 #pragma once
 
 #include <atomic>
@@ -14,27 +13,27 @@ namespace zeb::tools {
 class Connection {
  public:
   Connection(const Options& options, Ending& ending);
-  /// Closes without a word about what comes of it.
+  /// Closes the connection and ignores failures.
   ~Connection();
   Connection(const Connection&) = delete;
   Connection& operator=(const Connection&) = delete;
 
-  /// Connects; after a failure that may pass, again with growing pauses as long as --retry and --retry-time
-  /// allow. Throws Failure.
+  /// Connects. After a failure that may be temporary, retries with growing pauses as long as --retry and
+  /// --retry-time allow. Throws Failure.
   void Open();
-  /// Sends DISCONNECT and waits for the end.
+  /// Sends DISCONNECT and waits until the connection has ended.
   void Close();
 
   enum class Event { kReadable, kLost, kTime };
-  /// Waits until `fd` is readable (-1: for nothing), the connection is lost or the time has come, whichever
-  /// is first. Throws Failure once the run ends.
+  /// Waits until `fd` is readable (-1: none), the connection is lost, or `until` has come, whichever is
+  /// first. Throws Failure once the run ends.
   Event Await(int fd, std::optional<Clock::time_point> until);
 
-  /// Whether a request failed because the connection is lost. Throws Failure once the run ends.
+  /// After a failed request: whether the connection is lost. Throws Failure once the run ends.
   bool LostBehind();
-  /// After a loss: connects again, or throws Failure when no retry is allowed.
+  /// After a loss: reconnects, or throws Failure if no retry is allowed.
   void Recover();
-  /// After a request that failed: the same, with `trouble` where the connection is not known to be lost.
+  /// After a failed request: the same. If the connection is not known to be lost, `trouble` is the reason.
   void RecoverFrom(const std::string& trouble);
 
   MqttWrapper& client() { return client_; }
@@ -45,7 +44,7 @@ class Connection {
   [[nodiscard]] std::string CodeText(int32_t code) const;
 
  private:
-  /// Outlives the client: its thread may still report the loss when a stop has returned.
+  /// Outlives the client, whose thread may still report the loss after a stop has returned.
   struct Loss {
     Flag flag;
     std::atomic<int> reason{0};

@@ -1,4 +1,4 @@
-// Signals are read from a descriptor by one thread; handlers, and what they may not call, are thus avoided.
+// One thread reads signals from a descriptor. That avoids handlers, with their limits on what they may call.
 #include "tools/ending.h"
 
 #include <poll.h>
@@ -15,10 +15,9 @@
 namespace zeb::tools {
 namespace {
 
-constexpr int kStopAgainMs = 100;  // a start may just have been on its way in
+constexpr int kStopAgainMs = 100;  // repeated, because the main thread may just be starting the client
 
-// Those that end the program, without the ones that whoever started it wants ignored (nohup, "&" in a
-// script).
+// The signals that end the program, unless the caller has them ignored (nohup, or "&" in a script).
 sigset_t EndingSignals() {
   sigset_t set;
   ::sigemptyset(&set);
@@ -41,7 +40,7 @@ Flag::~Flag() { ::close(fd_); }
 
 void Flag::Set() const {
   const uint64_t one = 1;
-  (void)!::write(fd_, &one, sizeof one);  // fails only at a count of 2^64-1: set all the same
+  (void)!::write(fd_, &one, sizeof one);  // fails only at the maximum count: it is set then
 }
 
 void Ending::Begin(int code, const std::string& text) {
@@ -80,7 +79,7 @@ Watch::~Watch() {
   thread_.join();
   ::close(signal_fd_);
   const sigset_t signals = EndingSignals();
-  ::pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);  // what still has to be closed can be cut short
+  ::pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);  // a signal may cut the closing short
 }
 
 void Watch::Run() {
@@ -88,7 +87,7 @@ void Watch::Run() {
   const sigset_t signals = EndingSignals();
   ::pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
   for (pollfd over{over_.fd(), POLLIN, 0}; ::poll(&over, 1, 0) == 0; ::poll(&over, 1, kStopAgainMs)) {
-    (void)client_.StopClient(nullptr);  // the run ends whatever comes of it
+    (void)client_.StopClient(nullptr);  // the run ends even if this fails
   }
 }
 
@@ -100,12 +99,12 @@ void Watch::AwaitEnding() {
                     {watch_output_ ? STDOUT_FILENO : -1, 0, 0}};
     const int ready = ::poll(fds, std::size(fds), PollTimeout(deadline_));
     signalfd_siginfo signal{};
-    if (ready < 0) continue;  // EINTR: nothing was told
+    if (ready < 0) continue;  // EINTR: `fds` is not filled
     if (fds[0].revents != 0) return;
     if (ready == 0) ending_.Begin(kTimedOut, "the time is over");
     if (::read(signal_fd_, &signal, sizeof signal) == sizeof signal)
       ending_.Begin(kSignal + static_cast<int>(signal.ssi_signo));
-    if (fds[3].revents != 0) ending_.Begin(kDone);  // the reader has had enough
+    if (fds[3].revents != 0) ending_.Begin(kDone);  // the reader has gone
   }
 }
 

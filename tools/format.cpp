@@ -1,5 +1,5 @@
-// The letters are those that users of MQTT tools know. There is none for QoS and retain flag: the library
-// does not hand them over.
+// The letters are those that users of MQTT tools know. QoS and retain flag have none, because the library
+// does not report them. Any thread.
 #include "tools/format.h"
 
 #include <cstdio>
@@ -28,7 +28,7 @@ std::string LocalTime(time_t seconds) {
   tm parts{};
   char text[40] = {};
   ::localtime_r(&seconds, &parts);
-  (void)std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S%z", &parts);  // it fits
+  (void)std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S%z", &parts);  // always fits
   return text;
 }
 
@@ -77,7 +77,7 @@ std::string Render(std::string_view format, const mqtt::MqttWrapper::PublishMess
       line += Value(format[i], message, now);
     } else {
       throw std::invalid_argument("has the unknown " + std::string(format.substr(i - 1, 2)) +
-                                  R"(; there are %t %p %l %m %x %I %U %% and \n \t \r \0 \\)");
+                                  R"(; the known ones are %t %p %l %m %x %I %U %% and \n \t \r \0 \\)");
     }
   }
   return line;

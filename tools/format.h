@@ -1,4 +1,4 @@
-// The text of -F, filled in for each message.
+// Formats a message as -F says. Any thread.
 #pragma once
 
 #include <ctime>
@@ -9,8 +9,8 @@
 
 namespace zeb::tools {
 
-/// Throws std::invalid_argument, which tells what is wrong with `format`; that does not depend on the
-/// message.
+/// Returns `format` with the message's values filled in. Throws std::invalid_argument, with a description, if
+/// `format` is invalid, whatever the message.
 std::string Render(std::string_view format, const mqtt::MqttWrapper::PublishMessage& message, timespec now);
 
 }  // namespace zeb::tools

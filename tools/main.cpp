@@ -1,4 +1,4 @@
-// zebmqtt: publishes, subscribes, pings and asks for the status, by the library's public interface alone.
+// zebmqtt: publishes, subscribes, pings and shows the status, using only the library's public interface.
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -13,11 +13,11 @@ namespace {
 
 using zeb::tools::Options;
 
-// In the order of Command.
+// In the order of the enumerators of Command.
 constexpr int (*kCommands[])(const Options&) = {zeb::tools::Publish, zeb::tools::Subscribe, zeb::tools::Ping,
                                                 zeb::tools::Status};
 
-// A socket that got the number of a closed standard stream would be written to by mistake.
+// A socket with the number of a closed standard stream would be written to by mistake.
 void OpenStandardStreams() {
   for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
     if (::fcntl(fd, F_GETFD) < 0) (void)!::open("/dev/null", O_RDWR);
@@ -28,7 +28,7 @@ void OpenStandardStreams() {
 
 int main(int argc, char** argv) {
   OpenStandardStreams();
-  (void)std::signal(SIGPIPE, SIG_IGN);  // cannot fail; the write that fails tells
+  (void)std::signal(SIGPIPE, SIG_IGN);  // cannot fail; a failing write reports EPIPE instead
   Options options;
   int exit_code = 0;
   if (!zeb::tools::ParseOptions(argc, argv, options, exit_code)) return exit_code;

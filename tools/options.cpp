@@ -1,5 +1,5 @@
-// The command line: one table of options for each command and one for what all have in common, then the
-// checks that look at more than one option.
+// The command line: the options of each command, those that all commands share, and the checks that look at
+// more than one option. Main thread only.
 #include "tools/options.h"
 
 #include <CLI/CLI.hpp>
@@ -14,29 +14,29 @@
 namespace zeb::tools {
 namespace {
 
-constexpr size_t kMaxString = 65'535;  // bytes of a string on the wire
+constexpr size_t kMaxString = 65'535;  // bytes; limit of a string on the wire
 constexpr int kMqttPort = 1883;
 constexpr int kMqttTlsPort = 8883;
 constexpr int kMaxInt = std::numeric_limits<int>::max();
 constexpr int kYear = 31'536'000;  // seconds
 constexpr char kFormatHelp[] =
-    "what to print of a message:\n"
+    "what to print for each message:\n"
     "%t topic  %p payload  %x payload in hex  %l its length\n"
     "%m packet identifier (0 at QoS 0)  %I local time  %U unix time\n"
-    "%% a percent sign  and  \\n \\t \\r \\0 \\\\";
+    "%% percent sign  and  \\n \\t \\r \\0 \\\\";
 
 constexpr char kFooter[] =
     "\nExit codes:\n"
     "  0  done\n"
-    "  1  wrong options, or a file of theirs that cannot be read\n"
-    "  2  no connection: not reachable, not trusted, or refused\n"
+    "  1  wrong options, or a file that cannot be read\n"
+    "  2  no connection: the broker is unreachable or not trusted, or it refused\n"
     "  3  a message, subscription or ping failed\n"
     "  4  the connection was lost\n"
-    "  5  -W passed before a connection, or all messages of -C, came\n"
+    "  5  -W passed before there was a connection, or before -C messages came\n"
     "  6  standard output could not be written\n"
-    "  128+N  ended in order by signal N: 130 for Ctrl-C, 143 for SIGTERM, 129 for SIGHUP\n";
+    "  128+N  ended by signal N, after DISCONNECT: 130 for Ctrl-C, 143 for SIGTERM, 129 for SIGHUP\n";
 
-/// What the options say, word for word, before it is checked and converted.
+/// The options as given, before they are checked and converted.
 struct Raw {
   bool tls = false;
   bool keep_session = false;
@@ -49,12 +49,12 @@ struct Raw {
   bool verbose = false;
 };
 
-// Throws with the same form as the parser itself.
+// Throws what the parser itself throws.
 [[noreturn]] void Refuse(const std::string& text) {
   throw CLI::ValidationError(text, CLI::ExitCodes::ValidationError);
 }
 
-/// Help that leaves out what the texts already tell: ranges, and which options need or exclude each other.
+/// Leaves out what the help texts say already: ranges, and which options need or exclude each other.
 class Help : public CLI::Formatter {
   std::string make_option_opts(const CLI::Option* option) const override {
     return option->get_type_size() == 0 ? "" : " " + option->get_type_name();
@@ -66,7 +66,7 @@ CLI::Option* Text(CLI::App& app, const std::string& names, std::string& value, c
   return app.add_option(names, value, help)->type_name(type);
 }
 
-// Not empty: an unset variable of a script must not turn TLS, or a password, off.
+// Must not be empty: an unset variable in a script must not turn off TLS or the password.
 CLI::Option* Name(CLI::App& app, const std::string& names, std::string& value, const char* type,
                   const std::string& help) {
   const auto filled = [](const std::string& given) { return given.empty() ? "must not be empty" : ""; };
@@ -92,18 +92,18 @@ CLI::Option* Number(CLI::App& app, const std::string& names, int& value, int lea
 void AddWill(CLI::App& app, Options& options, Raw& raw) {
   auto& will = options.connect.lwt.msg;
   app.option_defaults()->group("Will");
-  auto* const topic = Name(app, "--will-topic", will.topic, "TOPIC", "the broker publishes a will there");
+  auto* const topic = Name(app, "--will-topic", will.topic, "TOPIC", "topic of the will");
   Text(app, "--will-payload", will.payload, "TEXT", "payload of the will")->needs(topic);
   Number(app, "--will-qos", raw.will_qos, 0, 2, "QoS of the will: 0, 1 or 2 (0)")->needs(topic);
-  app.add_flag("--will-retain", will.retain, "the broker retains the will")->needs(topic);
+  app.add_flag("--will-retain", will.retain, "let the broker retain the will")->needs(topic);
 }
 
 void AddTls(CLI::App& app, Options& options, Raw& raw) {
   auto& connect = options.connect;
   app.option_defaults()->group("TLS");
-  app.add_flag("--tls", raw.tls, "connect over TLS; the system's trust store decides");
-  Name(app, "--cafile", connect.ca_file, "FILE", "connect over TLS and trust this CA file alone");
-  auto* const cert = Name(app, "--cert", connect.cert, "FILE", "client certificate (PEM), over TLS");
+  app.add_flag("--tls", raw.tls, "connect over TLS and trust the system's CAs");
+  Name(app, "--cafile", connect.ca_file, "FILE", "connect over TLS and trust only this CA file");
+  auto* const cert = Name(app, "--cert", connect.cert, "FILE", "client certificate (PEM); implies TLS");
   auto* const key = Name(app, "--key", connect.key, "FILE", "its private key (PEM, not encrypted)");
   cert->needs(key);
   key->needs(cert);
@@ -115,57 +115,57 @@ void AddConnection(CLI::App& app, Options& options, Raw& raw) {
   app.option_defaults()->group("Connection");
   connect.client_id.clear();
   connect.host = "localhost";
-  Name(app, "-h,--host", connect.host, "HOST", "broker: name or address (localhost)");
-  Number(app, "-p,--port", connect.port, 1, 65'535, "its port (1883, with TLS 8883)");
+  Name(app, "-h,--host", connect.host, "HOST", "name or address of the broker (localhost)");
+  Number(app, "-p,--port", connect.port, 1, 65'535, "port of the broker (1883, with TLS 8883)");
   Name(app, "-i,--id", connect.client_id, "ID", "client identifier (zebmqtt- and a random number)");
   Name(app, "-u,--username", connect.user_name, "NAME", "user name");
   auto* const password = Text(app, "-P,--password", connect.password, "TEXT",
-                              "password, for all to see: better in ZEBMQTT_PASSWORD or in");
-  Name(app, "--password-file", raw.password_file, "FILE", "password; one newline at the end is left out")
+                              "password, visible to all users: prefer ZEBMQTT_PASSWORD or --password-file");
+  Name(app, "--password-file", raw.password_file, "FILE", "password file; one newline at its end is ignored")
       ->excludes(password);
   Number(app, "-k,--keepalive", connect.keep_alive, 0, 65'535,
-         "seconds without traffic until a ping, 0 for none (60)");
+         "seconds without traffic before a ping; 0: no pings (60)");
   app.add_flag("-c,--disable-clean-session", raw.keep_session,
-               "the broker keeps this client's session; needs -i");
+               "let the broker keep this client's session; needs -i");
   Text(app, "-V,--protocol-version", raw.version, "311|5", "MQTT 3.1.1 or 5.0 (311)")
       ->check(CLI::IsMember({"311", "5"}).description(""));
   Texts(app, "-D,--user-property", raw.user_properties, "NAME=VALUE",
-        "user property of CONNECT and SUBSCRIBE; any number; needs -V 5");
-  Name(app, "--iface", connect.iface_name, "NAME", "network interface to leave through");
-  Number(app, "--timeout", connect.timeout, 1, 2'147, "seconds for a connect or an answer (10)");
-  Number(app, "--retry", options.retry.count, 1, kMaxInt, "connect again up to so many times in a row");
-  Number(app, "--retry-time", options.retry.seconds, 1, kYear, "connect again for up to so many seconds");
-  app.add_flag("--debug", options.debug, "show the library's log, the password included");
+        "user property of CONNECT and SUBSCRIBE; may be repeated; needs -V 5");
+  Name(app, "--iface", connect.iface_name, "NAME", "network interface to connect through");
+  Number(app, "--timeout", connect.timeout, 1, 2'147, "seconds to wait for a connection or an answer (10)");
+  Number(app, "--retry", options.retry.count, 1, kMaxInt, "reconnect up to N times in a row");
+  Number(app, "--retry-time", options.retry.seconds, 1, kYear, "reconnect for up to N seconds");
+  app.add_flag("--debug", options.debug, "show the library's log, including the password");
   AddTls(app, options, raw);
   AddWill(app, options, raw);
 }
 
 void AddPublish(CLI::App& app, Options& options) {
-  Text(app, "-t,--topic", options.message.topic, "TOPIC", "where to publish");
+  Text(app, "-t,--topic", options.message.topic, "TOPIC", "topic to publish to");
   Number(app, "-q,--qos", options.qos, 0, 2, "QoS: 0, 1 or 2 (0)");
-  app.add_flag("-r,--retain", options.message.retain, "the broker retains the message");
-  constexpr const char* group = "What to publish, one of";
+  app.add_flag("-r,--retain", options.message.retain, "let the broker retain the message");
+  constexpr const char* group = "What to publish (exactly one)";
   Text(app, "-m,--message", options.message.payload, "TEXT", "this text; may be empty")->group(group);
   Text(app, "-f,--file", options.file, "FILE", "this file, as one message")->group(group);
-  app.add_flag("-l,--stdin-line", "standard input, each line a message")->group(group);
+  app.add_flag("-l,--stdin-line", "standard input, one message per line")->group(group);
   app.add_flag("-s,--stdin-file", "standard input, as one message")->group(group);
 }
 
 void AddSubscribe(CLI::App& app, Options& options, Raw& raw) {
-  Texts(app, "-t,--topic", options.filters, "FILTER", "topic filter; any number");
-  Number(app, "-q,--qos", options.qos, 0, 2, "highest QoS of delivery: 0, 1 or 2 (0)");
-  Number(app, "-C,--count", options.count, 1, kMaxInt, "end after so many messages");
-  Number(app, "-W,--seconds", options.seconds, 1, kYear, "end after so many seconds");
-  app.add_flag("-N,--no-newline", raw.no_newline, "no newline after a message");
-  auto* const verbose = app.add_flag("-v,--verbose", raw.verbose, "topic and payload: -F '%t %p'");
+  Texts(app, "-t,--topic", options.filters, "FILTER", "topic filter; may be repeated");
+  Number(app, "-q,--qos", options.qos, 0, 2, "highest QoS for delivery: 0, 1 or 2 (0)");
+  Number(app, "-C,--count", options.count, 1, kMaxInt, "end after N messages");
+  Number(app, "-W,--seconds", options.seconds, 1, kYear, "end after N seconds");
+  app.add_flag("-N,--no-newline", raw.no_newline, "print no newline after a message");
+  auto* const verbose = app.add_flag("-v,--verbose", raw.verbose, "print topic and payload, like -F '%t %p'");
   Text(app, "-F,--format", options.format, "TEXT", kFormatHelp)->excludes(verbose);
 }
 
 void AddPing(CLI::App& app, Options& options) {
-  Number(app, "-C,--count", options.count, 1, kMaxInt, "end after so many pings");
-  app.add_option("--interval", options.interval_s, "seconds from ping to ping, 0.01 to 3600 (1)")
+  Number(app, "-C,--count", options.count, 1, kMaxInt, "end after N pings");
+  app.add_option("--interval", options.interval_s, "seconds between pings, 0.01 to 3600 (1)")
       ->check([](const std::string& given) {
-        const double seconds = std::strtod(given.c_str(), nullptr);  // a range would let "nan" pass
+        const double seconds = std::strtod(given.c_str(), nullptr);  // CLI::Range would accept "nan"
         return seconds >= 0.01 && seconds <= 3'600 ? "" : "is not between 0.01 and 3600: " + given;
       })
       ->type_name("N");
@@ -174,7 +174,7 @@ void AddPing(CLI::App& app, Options& options) {
 void CheckTopic(const char* name, const std::string& topic, bool wildcards) {
   if (topic.empty() || topic.size() > kMaxString) Refuse(std::string(name) + " is needed, 1 to 65535 bytes");
   if (!wildcards && topic.find_first_of("+#") != std::string::npos)
-    Refuse(std::string(name) + ": a topic to publish to has no wildcard: " + topic);
+    Refuse(std::string(name) + ": a topic to publish to cannot have wildcards: " + topic);
 }
 
 std::string PasswordFrom(const std::string& file) {
@@ -205,7 +205,7 @@ void CheckUserProperties(Options& options, const Raw& raw) {
   for (const std::string& pair : raw.user_properties) {
     const size_t equals = pair.find('=');
     if (equals == 0 || equals == std::string::npos || equals + 1 == pair.size())
-      Refuse("-D takes NAME=VALUE, neither of them empty, not " + pair);
+      Refuse("-D takes NAME=VALUE, with neither part empty, not " + pair);
     options.connect.user_property.push_back({pair.substr(0, equals), pair.substr(equals + 1)});
   }
 }
@@ -213,15 +213,14 @@ void CheckUserProperties(Options& options, const Raw& raw) {
 void CheckConnection(Options& options, const Raw& raw) {
   auto& connect = options.connect;
   if (connect.host.find('/') != std::string::npos)
-    Refuse("-h takes a name or an address, -p the port; TLS comes with --tls or --cafile, not " +
-           connect.host);
+    Refuse("-h takes a name or an address (-p sets the port, --tls or --cafile TLS), not " + connect.host);
   if (raw.keep_session && connect.client_id.empty())
     Refuse("-c needs -i: the broker keeps the session under the client identifier");
   if (connect.client_id.size() > 128) Refuse("-i: longer than 128 bytes");
   if (connect.client_id.empty()) connect.client_id = "zebmqtt-" + std::to_string(std::random_device{}());
   connect.protocol = raw.version == "5" ? 2 : 1;
   connect.clean_session = !raw.keep_session;
-  if (raw.keep_session) connect.session_expiry_interval = 0xFFFF'FFFF;  // as MQTT 3.1.1: it never expires
+  if (raw.keep_session) connect.session_expiry_interval = 0xFFFF'FFFF;  // it never expires, as in MQTT 3.1.1
   connect.tls = raw.tls || !connect.ca_file.empty() || !connect.cert.empty();
   if (!raw.ciphers.empty() && !connect.tls) Refuse("--ciphers needs --tls or --cafile");
   if (!raw.ciphers.empty()) connect.cipher_lists.push_back(raw.ciphers);
@@ -263,17 +262,17 @@ void CheckSubscribe(Options& options, const Raw& raw) {
 }  // namespace
 
 bool ParseOptions(int argc, const char* const* argv, Options& options, int& exit_code) {
-  CLI::App app("Publishes to an MQTT broker, subscribes to it, pings it and asks for its status.", "zebmqtt");
-  app.set_help_flag("--help", "print this and exit");
+  CLI::App app("Publishes to an MQTT broker, subscribes to it, pings it, or shows its status.", "zebmqtt");
+  app.set_help_flag("--help", "print this help and exit");
   app.set_version_flag("--version", std::string("zebmqtt " ZEB_VERSION), "print the version and exit");
   app.footer(kFooter);
   app.formatter(std::make_shared<Help>());
   app.get_formatter()->column_width(34);
   Raw raw;
-  auto* const pub = app.add_subcommand("pub", "publish a message, or many");
-  auto* const sub = app.add_subcommand("sub", "print the messages of topics");
+  auto* const pub = app.add_subcommand("pub", "publish one or more messages");
+  auto* const sub = app.add_subcommand("sub", "print the messages of one or more topics");
   auto* const ping = app.add_subcommand("ping", "measure how fast the broker answers pings");
-  auto* const status = app.add_subcommand("status", "connect, and print what the broker tells of itself");
+  auto* const status = app.add_subcommand("status", "connect and print what the broker says about itself");
   AddPublish(*pub, options);
   AddSubscribe(*sub, options, raw);
   AddPing(*ping, options);
@@ -292,7 +291,7 @@ bool ParseOptions(int argc, const char* const* argv, Options& options, int& exit
   } catch (const CLI::Success& request) {  // --help, --version
     exit_code = app.exit(request);
   } catch (const CLI::Error& error) {
-    std::fprintf(stderr, "zebmqtt: %s\nzebmqtt --help tells more.\n", error.what());
+    std::fprintf(stderr, "zebmqtt: %s\nTry 'zebmqtt --help' for more information.\n", error.what());
     exit_code = kUsage;
   }
   return false;

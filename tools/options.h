@@ -1,4 +1,4 @@
-// What the command line asks for, checked.
+// What the command line asks for, already checked. Main thread only.
 #pragma once
 
 #include <string>
@@ -8,7 +8,7 @@
 
 namespace zeb::tools {
 
-/// Bounds on connecting again; both 0: not at all, one 0: that bound does not count.
+/// Limits on reconnecting. A limit of 0 does not apply; if both are 0, there is no reconnecting.
 struct Retry {
   [[nodiscard]] bool enabled() const { return count > 0 || seconds > 0; }
   int count = 0;
@@ -16,7 +16,7 @@ struct Retry {
 };
 
 enum class Command { kPublish, kSubscribe, kPing, kStatus };
-enum class Source { kText, kFile, kLines, kStdin };  // of what is published
+enum class Source { kText, kFile, kLines, kStdin };  // of the payload
 
 struct Options {
   Command command = Command::kStatus;
@@ -27,7 +27,7 @@ struct Options {
 
   // pub
   Source source = Source::kText;
-  mqtt::MqttWrapper::PublishOption message;  // the payload is empty but for -m
+  mqtt::MqttWrapper::PublishOption message;  // the payload is set only with -m
   std::string file;
 
   // sub
@@ -40,7 +40,7 @@ struct Options {
   double interval_s = 1;  // ping
 };
 
-/// False: the program ends with `exit_code`, everything is said.
+/// Returns false if the program must end with `exit_code`; everything has been printed then.
 bool ParseOptions(int argc, const char* const* argv, Options& options, int& exit_code);
 
 }  // namespace zeb::tools

@@ -1,4 +1,4 @@
-// Writes whole messages with write(2): nothing is left in a buffer when the program ends.
+// Writes messages with write(2), so that no buffer holds any when the program ends.
 #include "tools/output.h"
 
 #include <poll.h>
@@ -18,13 +18,13 @@ bool WriteOutput(std::string_view bytes, Ending& ending) {
     pollfd fds[] = {{STDOUT_FILENO, POLLOUT, 0}, {ending.fd(), POLLIN, 0}};
     if (::poll(fds, std::size(fds), -1) < 0) continue;
     if (fds[0].revents == 0) return false;
-    // A pipe that is writable takes this much without blocking.
+    // A writable pipe accepts this much without blocking.
     const ssize_t written = ::write(STDOUT_FILENO, bytes.data(), std::min<size_t>(bytes.size(), PIPE_BUF));
     const int error = errno;
     if (written > 0) bytes.remove_prefix(static_cast<size_t>(written));
     if (written >= 0 || error == EINTR || error == EAGAIN) continue;
     if (error == EPIPE)
-      ending.Begin(kDone);  // the reader has had enough
+      ending.Begin(kDone);  // the reader has gone
     else
       ending.Begin(kOutput, std::string("standard output: ") + std::strerror(error));
     return false;
@@ -33,7 +33,7 @@ bool WriteOutput(std::string_view bytes, Ending& ending) {
 }
 
 void Say(const std::string& text) {
-  const char* const clear_line = ::isatty(STDERR_FILENO) == 1 ? "\r\033[K" : "";  // of the progress
+  const char* const clear_line = ::isatty(STDERR_FILENO) == 1 ? "\r\033[K" : "";  // erases the progress
   std::fprintf(stderr, "%szebmqtt: %s\n", clear_line, text.c_str());
 }
 

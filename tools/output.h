@@ -1,4 +1,4 @@
-// Standard output for what was asked for, standard error for what is said about it.
+// Standard output is for what was asked for, standard error for everything else.
 #pragma once
 
 #include <string>
@@ -8,15 +8,15 @@
 
 namespace zeb::tools {
 
-/// Writes to standard output at once. Waits for a slow reader, but not beyond the ending. False: not all was
-/// written; the ending has begun. One thread at a time.
+/// Writes to standard output without a buffer. Waits for a slow reader, but only until the ending begins.
+/// Returns false if not everything was written; the ending has begun then. One thread at a time.
 bool WriteOutput(std::string_view bytes, Ending& ending);
 
-/// One line to standard error, after the program's name.
+/// Prints a line to standard error, after the program's name. Any thread.
 void Say(const std::string& text);
 
-/// Sets up the system's log, into which the library writes: warnings and errors; with `debug` every line,
-/// and on standard error too.
+/// Sets up the system log for warnings and errors. With `debug` every line is logged, and also printed to
+/// standard error.
 void OpenLog(bool debug);
 
 }  // namespace zeb::tools

@@ -1,4 +1,4 @@
-// ping: round trips of PINGREQ and PINGRESP.
+// The ping command: measures round trips of PINGREQ and PINGRESP. Main thread only.
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
@@ -9,7 +9,7 @@
 namespace zeb::tools {
 namespace {
 
-/// What became of the pings so far.
+/// The results so far.
 class Tally {
  public:
   void Sent() { ++sent_; }
@@ -51,7 +51,7 @@ void PingOnce(Connection& connection, Ending& ending, Tally& tally) {
   const Result result = connection.client().Ping(true);
   const double ms = std::chrono::duration<double, std::milli>(Clock::now() - begin).count();
   if (result != kSuccess) {
-    ending.Check();  // ended by the user: that ping does not count
+    ending.Check();  // a ping that the user interrupted does not count
     tally.Sent();
     if (connection.LostBehind()) connection.Recover();
     (void)WriteOutput("no answer from " + connection.Name() + ": seq=" + std::to_string(tally.sent()) + "\n",
@@ -78,13 +78,13 @@ int Ping(const Options& options) {
   Tally tally;
   const auto summarise = [&] {
     const double seconds = std::chrono::duration<double>(Clock::now() - begin).count();
-    Ending unending;  // the summary is written although the run ends
+    Ending unending;  // the summary is written even though the run ends
     (void)WriteOutput(tally.Summary(connection.Name(), seconds), unending);
   };
   try {
     for (auto next = begin;; next += interval) {
       PingOnce(connection, ending, tally);
-      ending.Check();  // its line could not be written
+      ending.Check();  // throws if the line could not be written
       if (tally.sent() == options.count) break;
       next = std::max(next, Clock::now() - interval);  // no burst after a long wait
       if (connection.Await(-1, next + interval) == Connection::Event::kLost) connection.Recover();

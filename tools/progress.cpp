@@ -1,4 +1,4 @@
-// One line, written over itself a few times a second.
+// One line, overwritten a few times a second.
 #include "tools/progress.h"
 
 #include <sys/stat.h>

@@ -1,4 +1,4 @@
-// What publishing has done so far, on a terminal's standard error; silent anywhere else. Main thread only.
+// Shows the progress of publishing on standard error if that is a terminal. Main thread only.
 #pragma once
 
 #include <cstddef>
@@ -11,13 +11,13 @@ namespace zeb::tools {
 
 class Progress {
  public:
-  /// `total_bytes` is what there is to send, where that is known.
+  /// `total_bytes` is the size of the source, if known.
   explicit Progress(std::optional<uint64_t> total_bytes);
-  /// Leaves the last line standing.
+  /// Leaves the last line on the terminal.
   ~Progress();
   Progress(const Progress&) = delete;
   Progress& operator=(const Progress&) = delete;
-  /// A message was sent; `bytes` of the source are done by it.
+  /// Call after each message that was sent; it used up `bytes` of the source.
   void Add(size_t bytes);
 
  private:
@@ -31,7 +31,7 @@ class Progress {
   uint64_t bytes_ = 0;
 };
 
-/// Bytes that are left of a regular file from its position on; of anything else nothing is known.
+/// The bytes of a regular file after its current position. Unknown for anything else.
 std::optional<uint64_t> RemainingBytes(int fd);
 
 }  // namespace zeb::tools

@@ -1,4 +1,4 @@
-// pub: one message, or every line of standard input.
+// The pub command: publishes one message, or every line of standard input. Main thread only.
 #include <fcntl.h>
 #include <poll.h>
 #include <unistd.h>
@@ -14,25 +14,25 @@
 namespace zeb::tools {
 namespace {
 
-constexpr size_t kMaxPayload = 100'000;  // bytes that the library sends
+constexpr size_t kMaxPayload = 100'000;  // bytes; limit of the library
 
 [[noreturn]] void TooLarge(const std::string& what) {
   throw Failure(kFailed,
-                what + " is larger than the " + std::to_string(kMaxPayload) + " bytes that fit a message");
+                what + " is larger than the " + std::to_string(kMaxPayload) + " bytes that fit in a message");
 }
 
-// Somebody else has made the descriptor non-blocking.
+// For a descriptor that somebody else has made non-blocking.
 bool AwaitInput(int fd) {
   pollfd input{fd, POLLIN, 0};
   return ::poll(&input, 1, -1) >= 0 || errno == EINTR;
 }
 
-/// What comes in on a descriptor, by lines or whole.
+/// Reads a descriptor line by line or as a whole.
 class Input {
  public:
   Input(int fd, std::string name) : fd_(fd), name_(std::move(name)) {}
 
-  /// Reads once what is there. False: the end.
+  /// Reads once what there is. Returns false at the end of the input.
   bool Fill() {
     std::array<char, 16'384> block{};
     ssize_t got = 0;
@@ -43,7 +43,7 @@ class Input {
     return got > 0;
   }
 
-  /// The next whole line, without its newline; at the end of the input also one that lacks it.
+  /// Takes the next line, without its newline. At the end of the input the last line may lack one.
   bool TakeLine(std::string& line, bool at_end) {
     const size_t newline = buffer_.find('\n', begin_);
     const size_t length = std::min(newline, buffer_.size()) - begin_;
@@ -69,7 +69,7 @@ class Input {
   const int fd_;
   const std::string name_;
   std::string buffer_;
-  size_t begin_ = 0;  // of what is not taken yet
+  size_t begin_ = 0;  // of the bytes not yet taken
 };
 
 std::string FileContent(const std::string& path) {
@@ -80,17 +80,18 @@ std::string FileContent(const std::string& path) {
   return content;
 }
 
-// Sends the message, with --retry again over a new connection.
+// Sends the message. With --retry, repeats it over a new connection after a failure.
 void Send(Connection& connection, MqttWrapper::PublishOption& message, int timeout) {
   for (;;) {
     const Result result = connection.client().Publish(message);
     if (result == kSuccess) return;
     if (result == kInvalidArgument)
-      throw Failure(kFailed, "the message does not fit a packet: topic and payload are too large together");
+      throw Failure(kFailed,
+                    "the message does not fit in a packet: topic and payload together are too large");
     connection.RecoverFrom(result == kSendFailed
-                               ? "the network has not taken the message"
+                               ? "the message could not be sent"
                                : "the broker has not acknowledged the message within " +
-                                     std::to_string(timeout) + " s; it may have arrived all the same");
+                                     std::to_string(timeout) + " s; it may have arrived anyway");
   }
 }
 
@@ -115,7 +116,7 @@ void SendLines(Connection& connection, const Options& options) {
 
 int Publish(const Options& options) {
   MqttWrapper::PublishOption message = options.message;
-  // Read before anything else: until then a signal may simply kill.
+  // Read first: until then a signal may simply kill the process.
   if (options.source == Source::kFile) message.payload = FileContent(options.file);
   if (options.source == Source::kStdin) message.payload = Input(STDIN_FILENO, "standard input").TakeAll();
   if (message.payload.size() > kMaxPayload) TooLarge("the message");

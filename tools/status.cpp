@@ -1,11 +1,11 @@
-// status: connects and prints what the client knows of the broker.
+// The status command: connects and prints what the client knows about the broker. Main thread only.
 #include "tools/commands.h"
 #include "tools/output.h"
 
 namespace zeb::tools {
 namespace {
 
-/// Lines of a name and a value; what the broker has not told is left out.
+/// Lines with a name and a value. Values that the broker has not sent are left out.
 class Report {
  public:
   void Add(const std::string& name, const std::string& value) {
@@ -60,7 +60,7 @@ int Status(const Options& options) {
       report.Add("session present", ack.session_present ? "yes" : "no");
       AddProperties(report, ack.properties);
     }
-    (void)WriteOutput(report.text(), ending);  // the ending tells of a failure
+    (void)WriteOutput(report.text(), ending);  // a failure begins the ending
   };
   try {
     connection.Open();

@@ -1,4 +1,4 @@
-// sub: the receive thread prints, the main thread waits for the end.
+// The sub command: the receive thread prints, the main thread waits for the end.
 #include "tools/commands.h"
 #include "tools/format.h"
 #include "tools/output.h"
@@ -6,14 +6,14 @@
 namespace zeb::tools {
 namespace {
 
-/// Prints messages up to the last one that is wanted, which ends the run. Receive thread only.
+/// Prints messages. The last one that was asked for ends the run. Receive thread only.
 class Printer {
  public:
   Printer(const Options& options, Ending& ending)
       : format_(options.format), newline_(options.newline), count_(options.count), ending_(ending) {}
 
   void Print(MqttWrapper::PublishMessage& message) {
-    if (over_) return;  // a signal alone does not hold back what has been acknowledged
+    if (over_) return;  // a signal does not set this: what has been acknowledged is printed
     timespec now{};
     ::clock_gettime(CLOCK_REALTIME, &now);
     std::string text = Render(format_, message, now);
@@ -21,20 +21,20 @@ class Printer {
     over_ = !WriteOutput(text, ending_) || ++printed_ == count_;
     if (printed_ != count_ || count_ == 0) return;
     ending_.Begin(kDone);
-    (void)message.wrapper->StopClient(nullptr);  // here, so that no further message is acknowledged
+    (void)message.wrapper->StopClient(nullptr);  // at once, so that no further message is acknowledged
   }
 
  private:
   const std::string format_;
   const bool newline_;
-  const int64_t count_;  // 0: no end
+  const int64_t count_;  // 0: no limit
   Ending& ending_;
   int64_t printed_ = 0;
   bool over_ = false;
 };
 
-// One request a filter: the library tells the broker's verdict on the first of a request. False: not
-// answered.
+// Each filter has its own request, because the library reports only the first filter's result. Returns false
+// if the broker did not answer.
 bool SubscribeTo(Connection& connection, const std::string& filter, const Options& options) {
   MqttWrapper::SubscribeOption request;
   request.topics[filter] = static_cast<uint8_t>(options.qos);
@@ -47,18 +47,18 @@ bool SubscribeTo(Connection& connection, const std::string& filter, const Option
   }
   if (result == kSuccess)
     throw Failure(kFailed,
-                  filter + ": the broker refuses the subscription: " + connection.CodeText(ack.reason_code));
+                  filter + ": the broker refused the subscription: " + connection.CodeText(ack.reason_code));
   return false;
 }
 
-// Over a new connection all of them are due.
+// Begins again with the first filter after a reconnect.
 void SubscribeToAll(Connection& connection, const Options& options) {
   for (size_t i = 0; i < options.filters.size();) {
     if (SubscribeTo(connection, options.filters[i], options)) {
       ++i;
       continue;
     }
-    connection.RecoverFrom(options.filters[i] + ": the broker does not answer the subscription");
+    connection.RecoverFrom(options.filters[i] + ": the broker did not answer the subscription");
     i = 0;
   }
 }
@@ -81,11 +81,11 @@ int Subscribe(const Options& options) {
     for (;; connection.Recover()) {
       SubscribeToAll(connection, options);
       subscribed = true;
-      (void)connection.Await(-1, std::nullopt);  // the run's end is thrown, so that this is a loss
+      (void)connection.Await(-1, std::nullopt);  // the end of the run is thrown, so this is a loss
     }
   } catch (const Failure& failure) {
     if (failure.code != kTimedOut || !subscribed || options.count != 0) throw;
-    connection.Close();  // -W alone says how long to listen
+    connection.Close();  // without -C, -W only says how long to listen
     return kDone;
   }
 }

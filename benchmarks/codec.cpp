@@ -1,6 +1,6 @@
-// What encoding and decoding cost, packet type by packet type: time, and allocations a packet. Over the
-// fuzzers' connection, which sends nothing; what is left of the system is one look at the send queue a packet
-// sent.
+// Measures encoding and decoding for each packet type: time, and allocations per packet. Runs over the
+// fuzzers' in-memory connection. The only system call that remains is one look at the send queue for each
+// packet sent. One thread.
 #include <benchmark/benchmark.h>
 #include <syslog.h>
 
@@ -16,19 +16,19 @@ using Peer = mqtt::SelfMqttImplPeer;
 
 namespace {
 
-int64_t allocations = 0;  // one thread
+int64_t allocations = 0;  // of this one thread
 
 constexpr bool k_v3 = false, k_v5 = true;
-constexpr size_t k_small = 40, k_large = 100'000;  // bytes of payload
+constexpr size_t k_small = 40, k_large = 100'000;  // payload bytes
 const std::list<MqttWrapper::PairedString> k_pairs = {{"key", "value"}, {"unit", "kWh"}};
 
-// ---- Decoding: a packet from the broker, again and again.
+// ---- Decoding: the same packets from the broker, again and again.
 
 struct Inbound {
   const char* name;
   bool mqtt5;
-  std::string bytes;   // packets
-  size_t payload = 0;  // bytes that are delivered
+  std::string bytes;   // one packet or more
+  size_t payload = 0;  // bytes delivered to the application
 };
 
 std::string Packet(char first_byte, const std::string& body) {
@@ -41,7 +41,7 @@ std::string Packet(char first_byte, const std::string& body) {
 }
 template <size_t N>
 std::string Text(const char (&literal)[N]) {
-  return std::string(literal, N - 1);  // zeros included
+  return std::string(literal, N - 1);  // including zeros
 }
 std::string Message(char first_byte, const std::string& identifier, const std::string& properties,
                     size_t size) {
@@ -50,7 +50,7 @@ std::string Message(char first_byte, const std::string& identifier, const std::s
 
 std::vector<Inbound> InboundPackets() {
   const std::string id = Text("\0\7");
-  const std::string none = Text("\0"), pair = Text("\x0D\x26\0\3key\0\5value");  // blocks of properties
+  const std::string none = Text("\0"), pair = Text("\x0D\x26\0\3key\0\5value");  // property blocks
   const std::string why = Text("\x13\x1F\0\3why") + pair.substr(1);
   const std::string release = Packet('\x62', id);
   return {
@@ -92,13 +92,13 @@ void Decode(benchmark::State& state, const Inbound& inbound) {
     state.SkipWithError("not all was delivered");
 }
 
-// ---- Encoding: a request, answered within its send where it waits for that.
+// ---- Encoding: a request. If it waits for an answer, the answer arrives during its send.
 
 struct Outbound {
   const char* name;
   bool mqtt5;
   Result (*request)(SelfMqttImpl& client);
-  bool last = false;  // nothing may follow it: each takes a client of its own
+  bool last = false;  // nothing may follow it, so each run needs a new client
 };
 
 template <size_t size, int qos>
@@ -177,7 +177,7 @@ void Encode(benchmark::State& state, const Outbound& outbound) {
   const auto renew = [&] {
     client = fuzz::NewClient(outbound.mqtt5);
     fuzz::wire.keeps = false;
-    fuzz::wire.on_send = [&client](std::string_view packet) {  // the next type; for QoS 2 the one after it
+    fuzz::wire.on_send = [&client](std::string_view packet) {  // answers with the next type; QoS 2: PUBREC
       const auto first_byte = static_cast<uint8_t>(packet[0]);
       if (first_byte >> 4 == 4 || first_byte >> 4 == 5 || (first_byte >> 4) % 7 == 0) return;
       const int type = (first_byte & 0xF0) + ((first_byte & 0xF6) == 0x34 ? 0x20 : 0x10);
@@ -203,7 +203,8 @@ void Encode(benchmark::State& state, const Outbound& outbound) {
 
 }  // namespace
 
-// The other forms of new end here too. Inlined, new would no longer look like the match of delete.
+// The other forms of new call this one. If it were inlined, the compiler would think that new and delete do
+// not match.
 [[gnu::noinline]] void* operator new(size_t size) {
   ++allocations;
   if (void* const block = std::malloc(size)) return block;
@@ -213,7 +214,7 @@ void Encode(benchmark::State& state, const Outbound& outbound) {
 [[gnu::noinline]] void operator delete(void* block, size_t) noexcept { std::free(block); }
 
 int main(int argc, char** argv) {
-  ::setlogmask(LOG_UPTO(LOG_WARNING));  // as a product would
+  ::setlogmask(LOG_UPTO(LOG_WARNING));  // as a product would do
   benchmark::Initialize(&argc, argv);
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 2;
   const std::vector<Inbound> inbound = InboundPackets();

@@ -1,5 +1,5 @@
 // Counts how often an idle client wakes up: connects, does nothing, and reads from /proc how often its
-// threads went to sleep again. Prints the count beside what keep-alive needs, and fails when it is more.
+// threads went back to sleep. Prints the count and what keep-alive needs, and fails if the count is higher.
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -12,7 +12,7 @@
 
 namespace {
 
-constexpr int kKeepAlive = 60;  // seconds, as an application leaves it
+constexpr int kKeepAlive = 60;  // seconds; the default
 constexpr int kTimeout = 10;
 
 }  // namespace
@@ -35,7 +35,7 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "no broker at port %d\n", port);
     return 2;
   }
-  std::this_thread::sleep_for(std::chrono::seconds(1));  // the start's own wake-ups are over
+  std::this_thread::sleep_for(std::chrono::seconds(1));  // until the start's own wake-ups are over
   const std::map<std::string, long> before = zeb::bench::Switches();
   std::this_thread::sleep_for(std::chrono::seconds(seconds));
   long wakeups = 0;
@@ -46,7 +46,7 @@ int main(int argc, char** argv) {
     wakeups += own;
   }
   const bool connected = client.GetStatusInfo().status == 2;
-  // A pass of the receive thread every time-out; each keep-alive a ping and its answer.
+  // The receive thread wakes once per time-out, and twice per keep-alive: for the ping and for its answer.
   const int pings = (seconds + 1) / kKeepAlive;
   const int needed = seconds / kTimeout + 2 * pings;
   std::printf("idle for %d s, keep_alive %d, timeout %d: %ld wake-ups, %d are needed%s\n", seconds,

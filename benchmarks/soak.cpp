@@ -1,6 +1,5 @@
-// Publishes numbered messages through a broker that comes and goes, plain and over TLS, for as long as told,
-// and keeps the books: what the library confirmed must arrive. Prints a line every half minute and the
-// verdict.
+// Publishes numbered messages for a given time, plain and over TLS, through a broker that comes and goes.
+// Every message that the library has confirmed must arrive. Prints a line every half minute, and the result.
 #include <malloc.h>
 #include <syslog.h>
 
@@ -24,11 +23,11 @@ namespace {
 using zeb::mqtt::MqttWrapper;
 using Clock = std::chrono::steady_clock;
 constexpr int kReportSeconds = 30;
-constexpr int kSettleSeconds = 30;  // for what is still on its way at the end
+constexpr int kSettleSeconds = 30;  // for messages still on their way at the end
 constexpr auto kPause = std::chrono::milliseconds(2);
 constexpr auto kRetry = std::chrono::milliseconds(200);
 
-/// What became of each message: how often it arrived, and whether the library confirmed it.
+/// Keeps for each message how often it arrived, and whether the library confirmed it. Any thread.
 class Books {
  public:
   void Confirm(size_t number, bool confirmed) {
@@ -76,7 +75,7 @@ class Pair {
     option_.protocol = protocol;
     option_.tls = ca_file != nullptr;
     if (ca_file != nullptr) option_.ca_file = ca_file;
-    option_.clean_session = false;  // the broker keeps what it owes the subscriber
+    option_.clean_session = false;  // the broker keeps messages for the subscriber
     option_.session_expiry_interval = 3'600;
     option_.keep_alive = 10;
     option_.timeout = 5;
@@ -170,7 +169,7 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "usage: %s SECONDS PORT TLS-PORT CA-FILE   (of a broker on 127.0.0.1)\n", argv[0]);
     return 2;
   }
-  ::setlogmask(LOG_UPTO(LOG_WARNING));  // as a product would
+  ::setlogmask(LOG_UPTO(LOG_WARNING));  // as a product would do
   const auto begin = Clock::now();
   const auto end = begin + std::chrono::seconds(std::atoi(argv[1]));
   std::vector<std::unique_ptr<Pair>> pairs;

@@ -1,4 +1,4 @@
-// How often the threads of this process went to sleep again: each switch is one wake-up.
+// Counts how often the threads of this process went back to sleep. Each context switch is one wake-up.
 #pragma once
 
 #include <sys/syscall.h>
@@ -12,7 +12,7 @@
 
 namespace zeb::bench {
 
-/// By thread, all but the calling one.
+/// The switches of each thread except the calling one.
 inline std::map<std::string, long> Switches() {
   std::map<std::string, long> switches;
   const std::string self = std::to_string(::syscall(SYS_gettid));

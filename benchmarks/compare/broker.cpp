@@ -1,3 +1,4 @@
+// Sessions of the minimal broker, over one epoll loop. One thread.
 #include "benchmarks/compare/broker.h"
 
 #include <netinet/in.h>
@@ -27,7 +28,7 @@ void AppendUint16(std::string& bytes, size_t value) {
   bytes += static_cast<char>(value & 0xFF);
 }
 
-/// One client's connection, its descriptor non-blocking.
+/// One client's connection. The descriptor is non-blocking.
 class Session {
  public:
   Session(int fd, SSL_CTX* tls, Counts& counts) : fd_(fd), counts_(counts) {
@@ -43,10 +44,10 @@ class Session {
   Session(const Session&) = delete;
   Session& operator=(const Session&) = delete;
 
-  /// Reads and writes until neither goes on; false: the session is over.
+  /// Reads and writes until neither can continue. Returns false if the session is over.
   bool Serve() {
     static std::string buffer(k_read_size, '\0');
-    ERR_clear_error();  // of other sessions
+    ERR_clear_error();  // errors of other sessions
     if (!Flush()) return false;
     for (ssize_t size = Read(buffer); size != k_later; size = Read(buffer)) {
       if (size <= 0) return false;
@@ -92,7 +93,7 @@ class Session {
     flood_next_ += count;
   }
 
-  // Complete packets at the front of what was read; false: this was the last.
+  // Answers the complete packets at the front of `in_`. Returns false after the last one of the session.
   bool AnswerPackets() {
     size_t at = 0;
     bool goes_on = true;
@@ -116,7 +117,7 @@ class Session {
       case 1:
         ++counts_.connects;
         out_.append("\x20\x02\x00\x00", 4);
-        return At(in_, at + 6) == 4;  // the protocol's level
+        return At(in_, at + 6) == 4;  // the protocol level: MQTT 3.1.1 only
       case 3:
         TakePublish(first_byte >> 1 & 3U, at, length);
         return true;
@@ -168,7 +169,7 @@ class Session {
   std::string in_, out_, flood_topic_;
   int flood_qos_ = 0;
   long flood_next_ = 0, flood_end_ = 0;  // messages
-  size_t flood_size_ = 0;                // bytes of payload
+  size_t flood_size_ = 0;                // payload bytes
 };
 
 }  // namespace

@@ -1,3 +1,4 @@
+// Holds packets back between two tunnel interfaces. One thread.
 #include "benchmarks/compare/delay_line.h"
 
 #include <fcntl.h>
@@ -38,7 +39,7 @@ struct Direction {
   void Deliver() {
     for (; !packets.empty() && packets.front().due_ns <= NowNs(); packets.pop_front()) {
       const std::string& bytes = packets.front().bytes;
-      if (::write(to, bytes.data(), bytes.size()) < 0) continue;  // lost, as on any wire
+      if (::write(to, bytes.data(), bytes.size()) < 0) continue;  // lost, as can happen on any wire
     }
   }
 };

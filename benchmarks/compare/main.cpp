@@ -1,6 +1,5 @@
-// Measures this library against the clients that a user would take instead: rows of a table with a target
-// each, and curves of growth. Each client in turn, round by round, so that what the machine does besides
-// meets all of them.
+// Measures this library and other clients that a user might choose: rows of a table, each with a target, and
+// curves of growth. The clients take turns in every round, so that other work on the machine affects all.
 #include <sys/utsname.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -99,15 +98,15 @@ class Programme {
     work.file = options_.texts.at("library").c_str();
     if (work.kind == Kind::kIdle) work.operations = options_.Number("idle");
     if (options_.Number("port") != 0 && work.kind == Kind::kFlood)
-      work.operations = std::min(work.operations, 1'000);  // what a broker queues for a client
+      work.operations = std::min(work.operations, 1'000);  // as many as a broker queues for a client
     std::vector<PeerResult> peers;
     for (const Maker& maker : makers_)
-      if (peers.size() < (row.alone ? 1 : row.x < 0 ? makers_.size() : 2))  // a curve: one other, to compare
+      if (peers.size() < (row.alone ? 1 : row.x < 0 ? makers_.size() : 2))  // a curve has one other client
         peers.push_back({maker.name, {}, {}, {}, {}, {}});
     if (work.round_trip_ms != 0 && !world_.without_delay.empty()) {
       for (PeerResult& peer : peers) peer.fault = world_.without_delay;
     } else if (work.kind == Kind::kIdle || work.kind == Kind::kMemory) {
-      std::vector<Measurement> all;  // at the same time, once: it takes long, and nothing is timed
+      std::vector<Measurement> all;  // all at once and only once: it takes long, and times do not matter
       for (const Maker& maker : makers_) all.emplace_back(world_, maker, work);
       for (size_t i = 0; i < all.size(); ++i) Note(peers[i], all[i].Collect(), row);
     } else {
@@ -130,7 +129,7 @@ class Programme {
   const Options options_;
   World world_;
   std::vector<Maker> makers_;
-  bool complete_ = true;  // this library went through all that was asked
+  bool complete_ = true;  // this library completed every measurement
 };
 
 }  // namespace

@@ -1,5 +1,5 @@
-// The clients that are compared, behind one interface. Calls return when the broker has confirmed; what a
-// client's own interface only announces in a callback is waited for with a semaphore.
+// One interface for all the clients. Its calls return once the broker has confirmed. If a client announces
+// that only in a callback, a semaphore waits for it.
 #pragma once
 
 #include <semaphore.h>
@@ -17,13 +17,13 @@
 
 namespace zeb::bench {
 
-constexpr int k_wait_s = 20;        // for one confirmation
+constexpr int k_wait_s = 20;        // limit for one confirmation
 constexpr int k_keep_alive_s = 60;  // of every client
 constexpr char k_topic[] = "bench/values";
 
 inline int64_t NowNs() { return std::chrono::steady_clock::now().time_since_epoch().count(); }
 
-/// Posted by a callback, awaited by the thread that asked.
+/// A callback posts it, and the thread that made the request waits for it.
 class Signal {
  public:
   Signal() { ::sem_init(&semaphore_, 0, 0); }
@@ -34,7 +34,7 @@ class Signal {
     good_ = good;
     ::sem_post(&semaphore_);
   }
-  /// Whether it was posted as good in time.
+  /// Waits. Returns whether it was posted in time, with `good`.
   bool Wait(int seconds = k_wait_s) {
     timespec end{};
     ::clock_gettime(CLOCK_REALTIME, &end);
@@ -47,7 +47,7 @@ class Signal {
   std::atomic<bool> good_{false};
 };
 
-/// Matches confirmations with requests where the identifier is known only after the request is on its way.
+/// Matches confirmations with requests whose identifier is known only after they have been sent. Any thread.
 class Confirmations {
  public:
   void Confirm(int identifier) {
@@ -82,14 +82,14 @@ class Confirmations {
 struct Target {
   std::string host;
   int port = 0;
-  std::string ca_file;  // of a broker that speaks TLS; else empty
+  std::string ca_file;  // empty for a broker without TLS
   std::string client_id;
   [[nodiscard]] std::string Uri() const {
     return (ca_file.empty() ? "tcp://" : "ssl://") + host + ":" + std::to_string(port);
   }
 };
 
-/// One client. Publish may be called on several threads at once.
+/// One client. Publish may be called by several threads at once.
 class Peer {
  public:
   virtual ~Peer() = default;
@@ -98,12 +98,12 @@ class Peer {
   [[nodiscard]] virtual bool Subscribe(const std::string& topic, int qos) = 0;
   [[nodiscard]] virtual bool Disconnect() = 0;
 
-  /// Before Subscribe: how many messages of which size will come.
+  /// Call before Subscribe: this many messages of this size will arrive.
   void Expect(long messages, size_t size) {
     expected_ = messages;
     size_ = size;
   }
-  /// When the last of them came; 0: they did not.
+  /// Waits for them. Returns when the last one arrived, or 0 if not all did.
   int64_t AwaitArrivals() { return complete_.Wait() ? last_ns_ : 0; }
 
  protected:
@@ -123,12 +123,12 @@ class Peer {
 
 struct Maker {
   const char* name;
-  std::unique_ptr<Peer> (*make)(const Target&);  // null: its library was missing at build time
+  std::unique_ptr<Peer> (*make)(const Target&);  // null if its library was missing at build time
 };
-/// This library first.
+/// All clients. This library is the first.
 const std::vector<Maker>& Makers();
 
-// A source is built only where its library was found.
+// Each is built only if its library was found.
 std::unique_ptr<Peer> MakeMosquitto(const Target& target);
 std::unique_ptr<Peer> MakePahoAsync(const Target& target);
 std::unique_ptr<Peer> MakePahoSync(const Target& target);

@@ -1,4 +1,4 @@
-// libmosquitto with its own thread (mosquitto_loop_start), and TCP_NODELAY, which it leaves to the caller.
+// libmosquitto with its own thread (mosquitto_loop_start) and TCP_NODELAY, which the caller has to set.
 #include <mosquitto.h>
 
 #include "benchmarks/compare/peer.h"

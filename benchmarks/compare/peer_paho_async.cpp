@@ -1,4 +1,4 @@
-// Paho C, MQTTAsync: each call is waited for in its success callback.
+// Paho C, MQTTAsync: each call waits for its success callback.
 #include <MQTTAsync.h>
 
 #include "benchmarks/compare/peer.h"

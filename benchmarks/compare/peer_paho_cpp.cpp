@@ -1,4 +1,4 @@
-// Paho C++: its asynchronous client, each token awaited.
+// Paho C++, the asynchronous client: each call waits for its token.
 #include <mqtt/async_client.h>
 
 #include "benchmarks/compare/peer.h"
@@ -39,7 +39,7 @@ class PahoCpp : public Peer {
   template <typename Ask>
   static bool Done(Ask ask) {
     try {
-      return ask()->wait_for(std::chrono::seconds(k_wait_s));  // throws what the broker refused
+      return ask()->wait_for(std::chrono::seconds(k_wait_s));  // throws if the broker refused
     } catch (const ::mqtt::exception&) {
       return false;
     }

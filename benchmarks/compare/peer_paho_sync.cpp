@@ -1,5 +1,5 @@
-// Paho C, MQTTClient. With callbacks it has a thread of its own, and deliveryComplete tells at once what
-// MQTTClient_waitForCompletion would only find out by looking every so often.
+// Paho C, MQTTClient. With callbacks it has a thread of its own, and deliveryComplete reports at once what
+// MQTTClient_waitForCompletion only finds out by polling.
 #include <MQTTClient.h>
 
 #include "benchmarks/compare/peer.h"

@@ -1,4 +1,4 @@
-// Which clients there are, and the one of this library.
+// The list of all clients, and the client of this library.
 #include "benchmarks/compare/peer.h"
 #include "mqtt/mqtt_wrapper.h"
 

@@ -1,4 +1,4 @@
-// What the rows say, as text and as JSON.
+// Prints the results as text and writes them as JSON.
 #include <cstdarg>
 #include <cstdio>
 #include <limits>
@@ -12,7 +12,7 @@ __attribute__((format(printf, 1, 2))) std::string Text(const char* format, ...) 
   char text[1'024];
   va_list values;
   va_start(values, format);
-  // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): it is, one line above
+  // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): it is initialised one line above
   (void)std::vsnprintf(text, sizeof text, format, values);
   va_end(values);
   return text;
@@ -23,7 +23,7 @@ double Median(std::vector<double> values) {
   return values.size() % 2 != 0 ? values[half] : (values[half - 1] + values[half]) / 2;
 }
 
-// What the aim compares: the value against the best of the others, or the value itself.
+// What is compared with the target: the value, its ratio to the best of the others, or the difference.
 struct Verdict {
   double compared = 0;
   const char* text = "not compared";
@@ -56,7 +56,7 @@ std::string TargetText(const Row& row) {
   }
 }
 
-// One client's line, and its JSON.
+// Prints one client's line and returns its JSON.
 std::string ReportPeer(const PeerResult& peer, const char* unit) {
   if (!peer.fault.empty()) {
     std::printf("  %-11s not measured: %s\n", peer.name, peer.fault.c_str());

@@ -1,3 +1,4 @@
+// The rows of the table with their targets, and the points of the curves. Any thread.
 #include "benchmarks/compare/rows.h"
 
 namespace zeb::bench {
@@ -17,7 +18,7 @@ Work Threads(Work work, int threads) {
   return work;
 }
 
-// The same measurement with more and more of one thing.
+// Adds the same measurement with one quantity growing.
 template <typename Number>
 void AddCurve(std::vector<Row>& rows, const char* name, const char* text, Work work, Number Work::*grows,
               std::initializer_list<int> points) {

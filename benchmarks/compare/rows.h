@@ -1,4 +1,4 @@
-// What is measured, and what this library is to reach.
+// What is measured, and the targets of this library.
 #pragma once
 
 #include "benchmarks/compare/work.h"
@@ -6,8 +6,8 @@
 namespace zeb::bench {
 
 enum class Aim {
-  kRatio,     // at most so many times the best of the others
-  kOverBest,  // at most so much more than the best of the others
+  kRatio,     // at most `target` times the best of the others
+  kOverBest,  // at most `target` more than the best of the others
   kAtMost,
   kAtLeast,
   kNone,
@@ -20,20 +20,20 @@ struct Row {
   Work work;
   Aim aim;
   double target;
-  bool cpu = false;    // the row is about Outcome::cpu_us
-  bool alone = false;  // the others do not do this work
-  int x = -1;          // from 0 on: a point of the curve `name`
+  bool cpu = false;    // the row shows Outcome::cpu_us
+  bool alone = false;  // only this library does this work
+  int x = -1;          // 0 or more: a point of the curve `name`
 };
-/// The table; behind it the curves, point by point.
+/// The rows of the table, then the points of the curves.
 const std::vector<Row>& Rows();
 
-/// What became of one client in each round.
+/// One client's results, one value per round.
 struct PeerResult {
   const char* name;
   std::vector<double> values, p99s_us, cpus_us, rates;
-  std::string fault;  // empty: all went well
+  std::string fault;  // empty if there was none
 };
-/// Prints it, and returns it as JSON.
+/// Prints the results and returns them as JSON.
 std::string Report(const Row& row, const std::vector<PeerResult>& peers);
 
 }  // namespace zeb::bench

@@ -1,3 +1,4 @@
+// Runs each kind of measurement in a process of its own, and reads its outcome through a pipe.
 #include "benchmarks/compare/work.h"
 
 #include <arpa/inet.h>
@@ -20,8 +21,8 @@ namespace zeb::bench {
 namespace {
 
 using Kind = Work::Kind;
-constexpr unsigned k_limit_s = 60;              // of a measurement
-constexpr int64_t k_repeat_ns = 1'000'000'000;  // no operation begins later: some connect for seconds
+constexpr unsigned k_limit_s = 60;              // for one measurement
+constexpr int64_t k_repeat_ns = 1'000'000'000;  // no operation begins later: some connects take seconds
 constexpr double k_ns_per_us = 1'000;
 
 double CpuUs() {
@@ -39,13 +40,13 @@ struct Lane {
   bool good = true;
 };
 struct Timed {
-  std::vector<double> us;  // of each operation, sorted
+  std::vector<double> us;  // the time of each operation, sorted
   double wall_us, cpu_us;
   [[nodiscard]] long count() const { return static_cast<long>(us.size()); }
   [[nodiscard]] double per_second() const { return static_cast<double>(us.size()) / wall_us * 1e6; }
 };
 
-// Runs `operation` up to so many times on a thread for each of the `lanes`, all at the same time.
+// Runs `operation` up to `operations` times on each of `lanes` threads, all at the same time.
 Timed Repeat(int lanes, int operations, const std::function<bool(int lane)>& operation) {
   std::vector<Lane> results(static_cast<size_t>(lanes));
   std::vector<std::thread> threads;
@@ -73,7 +74,7 @@ Timed Repeat(int lanes, int operations, const std::function<bool(int lane)>& ope
   return timed;
 }
 
-/// What a measurement has at hand, in its own process.
+/// Runs one measurement, in a process of its own.
 class Bench {
  public:
   Bench(const World& world, const Maker& maker, const Work& work)
@@ -106,8 +107,7 @@ class Bench {
   }
 
  private:
-  // What arrives at the broker does so soon after the client has returned. Somebody else's broker tells
-  // nothing.
+  // Waits, because the broker may count later than the client returns. A foreign broker counts nothing.
   void AwaitCount(const std::atomic<long>& count, long wanted, const char* what) const {
     if (world_.foreign()) return;
     for (int look = 0; look < 5'000 && count < wanted; ++look) ::usleep(1'000);
@@ -185,7 +185,7 @@ class Bench {
     Require(peer->Disconnect(), "no disconnection");
   }
 
-  // To somebody else's broker, with which the flood begins at a publisher.
+  // Floods a foreign broker, which needs a publisher for that.
   void PublishFlood(const std::string& topic) const {
     const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_in at{};
@@ -196,12 +196,12 @@ class Bench {
     std::string bytes("\x10\x0D\x00\x04MQTT\x04\x02\x00\x00\x00\x01p", 15);
     bytes += FloodPackets(topic, work_.qos, 0, work_.operations, work_.payload);
     (void)::send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL);
-    while (::recv(fd, bytes.data(), bytes.size(), 0) > 0) continue;  // until the client's process ends
+    while (::recv(fd, bytes.data(), bytes.size(), 0) > 0) continue;  // until the measurement's process ends
   }
 
   void Idle(Outcome& outcome) {
     const auto peer = Connected();
-    ::sleep(1);  // the start's own wake-ups are over
+    ::sleep(1);  // until the start's own wake-ups are over
     const auto before = Switches();
     ::sleep(static_cast<unsigned>(work_.operations));
     long wakeups = 0;
@@ -226,7 +226,7 @@ class Bench {
     peers.push_back(Connected());
     const double before_kb = PrivateKb();
     for (int i = 1; i <= work_.operations; ++i) peers.push_back(Connected(i));
-    ::usleep(200'000);  // every thread has come to rest
+    ::usleep(200'000);  // until every thread has come to rest
     outcome.value = (PrivateKb() - before_kb) / work_.operations;
     for (const auto& peer : peers) Require(peer->Publish("x", 1), "a client is not connected");
   }

@@ -1,3 +1,4 @@
+// Builds the namespaces, brokers and delay line of the measurements. One thread.
 #include "benchmarks/compare/world.h"
 
 #include <arpa/inet.h>
@@ -24,7 +25,7 @@ constexpr char k_far_client[] = "10.99.0.2";
 
 bool Shell(const std::string& command) { return std::system((command + " >/dev/null 2>&1").c_str()) == 0; }
 
-// A user namespace too where that takes no root.
+// Without root, tries it in a new user namespace.
 bool Unshare(int spaces) {
   if (::unshare(spaces) == 0) return true;
   const std::string user = "0 " + std::to_string(::geteuid()) + " 1";
@@ -82,18 +83,18 @@ World::World(bool tls, int port) : foreign_(port != 0), near_port_(port) {
   BuildDelayLine(context);
   near_port_ = StartBroker(k_near, context, shared_->near);
   near_broker_ = last_broker_;
-  SSL_CTX_free(context);  // both brokers have theirs
+  SSL_CTX_free(context);  // both brokers have their own copies
 }
 
-// The library notes each start in the kernel log, through a shell, where it may write there; a device's
-// application may not.
+// The library logs each start in the kernel log, through a shell, if it may write there. The application of a
+// device usually may not.
 void World::HideKernelLog() {
   if (::access("/dev/kmsg", W_OK) != 0) return;
   if (!Unshare(CLONE_NEWNS) || !Shell("mount --make-rprivate / && mount --bind /proc/version /dev/kmsg"))
     notes += "/dev/kmsg could not be hidden: connects include a shell\n";
 }
 
-// The far broker gets a network namespace, this process another; the delay line is the wire between them.
+// Gives the far broker and this process a network namespace each, with the delay line between them.
 void World::BuildDelayLine(SSL_CTX* tls) {
   if (!Unshare(CLONE_NEWNET)) {
     without_delay = "no right to make network namespaces";

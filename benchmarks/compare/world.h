@@ -1,5 +1,5 @@
-// Where the clients are measured: a fast broker in a process of its own, beside the client and behind a delay
-// line, or somebody else's broker.
+// Where the clients are measured: the benchmark's fast broker, near and behind a delay line, each in a
+// process of its own; or a foreign broker. One thread.
 #pragma once
 
 #include <sys/types.h>
@@ -17,27 +17,27 @@ namespace zeb::bench {
 /// Runs `body` in a process that ends with this one.
 pid_t ForkHelper(const std::function<void()>& body);
 
-/// The process `pid` (0: this one) may use one core: the first, or the last; or all but the last, or all.
+/// Sets the cores that `pid` (0: this process) may use: the first, the last, all but the last, or all.
 enum class Cores { kFirst, kLast, kAllButLast, kAll };
 void UseCores(pid_t pid, Cores cores);
 
-/// Built before any thread is. Puts the process into namespaces of its own where that is allowed.
+/// Must be created before any thread. Moves the process into namespaces of its own if that is allowed.
 class World {
  public:
-  /// `port` of a broker on 127.0.0.1 that runs already; 0: the fast one.
+  /// `port` is that of a broker that runs on 127.0.0.1, or 0 for the fast one.
   World(bool tls, int port);
 
-  /// Sets the delay line for what follows.
+  /// Sets the round trip of the delay line from now on.
   void SetRoundTrip(int milliseconds) { shared_->round_trip_ms = milliseconds; }
-  /// The broker next door (0) or behind the delay line.
+  /// The near broker (`round_trip_ms` 0) or the one behind the delay line.
   [[nodiscard]] Target At(int round_trip_ms) const;
   [[nodiscard]] const Counts& CountsAt(int round_trip_ms) const;
-  /// Whether the broker is somebody else's, and counts nothing.
+  /// Whether the broker is a foreign one, which counts nothing.
   [[nodiscard]] bool foreign() const { return foreign_; }
-  /// Where the broker next door may run; somebody else's is left where it is.
+  /// Sets the cores of the near broker. A foreign one is left alone.
   void PlaceBroker(Cores cores) const;
 
-  std::string without_delay;  ///< Why there is no delay line; empty: there is.
+  std::string without_delay;  ///< Why there is no delay line; empty if there is one.
   std::string notes;          ///< What else could not be arranged.
 
  private:

@@ -1,14 +1,14 @@
-# Fails when an include runs the wrong way. Called with -DROOT=<source tree> and -DSTAMP=<file to touch>;
-# writes STAMP.d, so that the build runs it again when a file or folder that it looked at has changed.
+# Fails if an include goes in the wrong direction. Call it with -DROOT=<source tree> and -DSTAMP=<file to touch>. It
+# also writes STAMP.d, so that the build repeats the check when a file or folder has changed.
 cmake_minimum_required(VERSION 3.25)
 
-# A file below the first folder must not include what the pattern matches.
+# Files in the folder must not include anything that the pattern matches.
 set(rules
   "mqtt|^(platform|tests|tools|examples)/"
   "util|^(mqtt|platform|tests|tools|examples)/"
   "platform|^(mqtt|tests|tools|examples)/"
 )
-# Applications see one header of the library; what that includes is its own affair.
+# Applications include only one header of the library.
 set(application_folders examples tools)
 set(application_forbids "^(mqtt|util|platform|tests)/")
 set(application_header "mqtt/mqtt_wrapper.h")

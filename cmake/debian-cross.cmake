@@ -1,5 +1,5 @@
-# The part that the toolchain files share: Debian's cross compiler for ZEB_TRIPLET, the packages that
-# scripts/arm-sysroot unpacked, and qemu-user to run what was built. ZEB_SYSROOT names another sysroot.
+# Shared by the toolchain files: Debian's cross compiler for ZEB_TRIPLET, the packages that scripts/arm-sysroot has
+# unpacked, and qemu-user to run the programs. ZEB_SYSROOT can name another sysroot.
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_CXX_COMPILER ${ZEB_TRIPLET}-g++)
 set(CMAKE_STRIP ${ZEB_TRIPLET}-strip)

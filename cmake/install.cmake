@@ -1,5 +1,5 @@
-# What `cmake --install` puts where: the libraries, the public headers below a folder of their own, and what CMake
-# and pkg-config need to find them. Components: runtime, dev, tool.
+# Installs the libraries, the public headers in a folder of their own, and the files with which CMake and pkg-config
+# find them. Components: runtime, dev, tool.
 set(zeb_package_dir "${CMAKE_INSTALL_LIBDIR}/cmake/zeb_mqtt")
 foreach(library IN LISTS zeb_libraries)
   install(TARGETS ${library} EXPORT zeb_mqtt
@@ -9,7 +9,7 @@ foreach(library IN LISTS zeb_libraries)
 endforeach()
 install(EXPORT zeb_mqtt NAMESPACE zeb:: FILE zeb_mqtt-targets.cmake DESTINATION "${zeb_package_dir}" COMPONENT dev)
 
-# Whoever links the static library links what it uses; the shared one has it inside.
+# Programs that link the static library must also link what it uses. The shared library does that itself.
 set(zeb_find find_dependency)
 set(zeb_options "")
 set(zeb_private "")
@@ -39,12 +39,12 @@ install(FILES
   "${PROJECT_BINARY_DIR}/zeb_mqtt-config-version.cmake"
   DESTINATION "${zeb_package_dir}" COMPONENT dev)
 
-# The prefix is told from where the file stands: it may be installed below another one than was configured.
+# pkg-config derives the prefix from the file's place, because it may be installed below another prefix than configured.
 file(RELATIVE_PATH zeb_prefix "/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/")
 configure_file(cmake/zeb_mqtt.pc.in zeb_mqtt.pc @ONLY)
 install(FILES "${PROJECT_BINARY_DIR}/zeb_mqtt.pc" DESTINATION "${CMAKE_INSTALL_LIBDIR}/pkgconfig" COMPONENT dev)
 
-# zeb_install_man PAGE SECTION COMPONENT: with the version filled in, and compressed, as Debian wants them.
+# zeb_install_man(PAGE SECTION COMPONENT): fills in the version and compresses the page, as Debian requires.
 function(zeb_install_man page section component)
   set(filled "${PROJECT_BINARY_DIR}/${page}.${section}")
   configure_file("${PROJECT_SOURCE_DIR}/docs/man/${page}.${section}" "${filled}" @ONLY)

@@ -1,5 +1,5 @@
-# Debian packages, one a component, made by `cpack` (scripts/package). Needs CMAKE_INSTALL_PREFIX=/usr for the
-# folders that Debian wants.
+# Debian packages, one per component, made by `cpack` (scripts/package). Configure with CMAKE_INSTALL_PREFIX=/usr to
+# get the folders that Debian requires.
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME zeb-mqtt)
 set(CPACK_PACKAGE_CONTACT "The zeb_mqtt maintainers <maintainers@zeb-mqtt.invalid>")
@@ -14,7 +14,7 @@ set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
-set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS "${PROJECT_BINARY_DIR}") # the tool's own library
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS "${PROJECT_BINARY_DIR}") # where the tool's library is
 set(zeb_runtime_package libzeb-mqtt${ZEB_ABI})
 set(zeb_same_runtime "${zeb_runtime_package} (= ${PROJECT_VERSION})")
 
@@ -45,7 +45,7 @@ if(TARGET zebmqtt)
   set(CPACK_COMPONENT_TOOL_DESCRIPTION "The command-line client: it publishes to a broker and prints what it subscribed to.")
 endif()
 
-# Debian's own changelog and the copyright, in each package.
+# The Debian changelog and the copyright belong in each package.
 string(TIMESTAMP zeb_now "%a, %d %b %Y %H:%M:%S +0000" UTC)
 configure_file(cmake/debian/changelog.in changelog @ONLY)
 file(ARCHIVE_CREATE OUTPUT "${PROJECT_BINARY_DIR}/changelog.gz" PATHS "${PROJECT_BINARY_DIR}/changelog"

@@ -1,5 +1,5 @@
-# zeb_enable_sanitizers(TARGET): builds and links the target with what ZEB_SANITIZE names, and instruments it
-# for the fuzzers when these are built.
+# zeb_enable_sanitizers(TARGET): builds and links the target with the sanitizers that ZEB_SANITIZE names, and
+# instruments it if the fuzzers are built.
 set(ZEB_SANITIZE "" CACHE STRING "Empty, address (with undefined behaviour), or thread")
 set_property(CACHE ZEB_SANITIZE PROPERTY STRINGS "" address thread)
 if(NOT ZEB_SANITIZE MATCHES "^(address|thread)?$")
@@ -16,6 +16,6 @@ function(zeb_enable_sanitizers target)
   string(REPLACE "address" "address,undefined" kinds "${ZEB_SANITIZE}")
   target_compile_options(${target} PRIVATE
     -fsanitize=${kinds} -fno-sanitize-recover=all -fno-omit-frame-pointer)
-  # Public: a program that takes in the library's objects needs the run-time part as well.
+  # Public, because a program that links the library's objects also needs the sanitizer's runtime.
   target_link_options(${target} PUBLIC -fsanitize=${kinds})
 endfunction()

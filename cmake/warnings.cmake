@@ -1,7 +1,7 @@
-# zeb_enable_warnings(TARGET): the warnings that every line of this repository is built with.
+# zeb_enable_warnings(TARGET): enables the warnings with which all code of this repository is built.
 function(zeb_enable_warnings target)
   target_compile_options(${target} PRIVATE -Wall -Wextra -Wshadow -Wconversion -Wformat=2)
-  # The sanitizers' own code misleads this warning; the other builds keep it.
+  # This warning is wrong about code that the sanitizers add. The other builds keep it.
   if(ZEB_SANITIZE)
     target_compile_options(${target} PRIVATE $<$<CXX_COMPILER_ID:GNU>:-Wno-maybe-uninitialized>)
   endif()

@@ -1,5 +1,5 @@
-// The public interface: the client facade, the records that cross it, and names for MQTT's codes. The only
-// header that an application includes.
+// The public interface: the client, the records that it exchanges with the application, and the names of
+// MQTT's codes. The only header that an application includes. The client may be called on any thread.
 #pragma once
 
 #include <cstdint>
@@ -20,21 +20,22 @@ namespace zeb::mqtt {
 
 class SelfMqttImpl;
 
-/// One MQTT client: one broker connection at a time, MQTT 3.1.1 or 5.0, over TCP or TLS.
+/// One MQTT client. It has at most one broker connection at a time, with MQTT 3.1.1 or 5.0, over TCP or TLS.
 ///
-/// Order of use: construct, StartClient, any number of requests, StopClient, destroy. StartClient may be
-/// called again after StopClient. Every request blocks its caller until the broker has answered or
-/// `ConnectOption::timeout` has passed; several threads may issue requests at once.
+/// Order of use: construct, StartClient, any number of requests, StopClient, destroy. After StopClient, the
+/// client may be started again. Every request blocks its caller until the broker has answered or a time-out
+/// has passed (see `ConnectOption::timeout`). Several threads may make requests at once.
 ///
-/// `message_cb` and `disconnect_cb` run on the client's receive thread. Inside `message_cb` no
-/// acknowledgement can arrive, so a request that needs one is sent and returns `kFailure` at once; QoS 0
-/// publishing works there, and so does StopClient (no `disconnect_cb` follows). Deleting the client inside
-/// `message_cb` is forbidden. Inside `disconnect_cb` everything is allowed: stopping, restarting, deleting.
+/// `message_cb` and `disconnect_cb` run on the client's receive thread. While `message_cb` runs, no
+/// acknowledgement can arrive. Inside it, a request that needs one is therefore sent and immediately returns
+/// `kFailure`. Publishing at QoS 0 works there, and so does StopClient (`disconnect_cb` is not called then).
+/// Deleting the client inside `message_cb` is forbidden. Inside `disconnect_cb` everything is allowed:
+/// stopping, restarting, deleting.
 ///
-/// Strings on the wire are at most 65,535 bytes, a packet behind its fixed header at most 131,072: a request
-/// beyond that is refused with `kInvalidArgument` before anything is sent (a start with `kFailure`). Errors
-/// are logged through syslog. A call that gets no memory throws std::bad_alloc, and nothing else is thrown;
-/// the client can be stopped and started again.
+/// A string may have up to 65,535 bytes, and a packet up to 131,072 bytes after its fixed header. A request
+/// beyond these limits is not sent and returns `kInvalidArgument` (StartClient returns `kFailure`). Errors
+/// are logged through syslog. If there is not enough memory, a call throws std::bad_alloc, and never anything
+/// else. The client can then still be stopped and started again.
 class ZEB_API MqttWrapper {
  public:
   /// Control packet types (MQTT 5.0, 2.1.2); the values are those on the wire.
@@ -67,7 +68,7 @@ class ZEB_API MqttWrapper {
     NOT_AUTHORIZED = 5,
   };
 
-  /// CONNACK reason codes of MQTT 5.0 (3.2.2.2), and the return codes with which an older broker refuses.
+  /// CONNACK reason codes of MQTT 5.0 (3.2.2.2), and the return codes of brokers that only know MQTT 3.1.1.
   enum class ConnectReasonCode : int32_t {
     SUCCESS = 0,
     UNACCEPTABLE_PROTOCOL_VERSION = 1,
@@ -98,121 +99,125 @@ class ZEB_API MqttWrapper {
     CONNECTION_RATE_EXCEEDED = 0x9F,
   };
 
-  /// A user property (MQTT 5.0, 1.5.7). A pair with an empty key or value is never sent.
+  /// A user property (MQTT 5.0, 1.5.7). Pairs with an empty key or value are not sent.
   struct PairedString {
     std::string key;  ///< At most 65,535 bytes.
     std::string val;  ///< At most 65,535 bytes.
   };
 
-  /// An outbound message, or the will.
+  /// An outgoing message, or the will.
   struct PublishOption {
-    std::string topic;        ///< Topic name; empty: Publish fails with `kFailure`.
-    bool retain = false;      ///< The broker keeps the message for later subscribers.
-    uint8_t qos = 1;          ///< 0, 1 or 2. A higher value is logged, sent as 2 and set to 2 here.
-    bool duplicated = false;  ///< DUP: the message was sent before.
-    std::string payload;      ///< Any bytes, zeros included; at most 100,000.
+    std::string topic;        ///< Topic name. If it is empty, Publish returns `kFailure`.
+    bool retain = false;      ///< Whether the broker keeps the message for later subscribers.
+    uint8_t qos = 1;          ///< 0, 1 or 2. Publish logs a higher value, sets it to 2 here and sends 2.
+    bool duplicated = false;  ///< The DUP flag: the message has been sent before.
+    std::string payload;      ///< Any bytes, including zeros; at most 100,000, or 65,535 in a will.
   };
 
-  /// Properties of the will; used with MQTT 5.0 alone (3.1.3.2). -1 or empty: not sent.
+  /// Properties of the will (MQTT 5.0, 3.1.3.2). With MQTT 3.1.1 none is sent. -1 or empty: not sent.
   struct WillProperties {
-    int8_t payload_format_indicator = -1;   ///< 0 bytes, otherwise UTF-8 text.
+    int8_t payload_format_indicator = -1;   ///< 0: bytes; above 0: UTF-8 text.
     int64_t message_expiry_interval = -1;   ///< Seconds, 0 to 4,294,967,295.
     std::string content_type;               ///< Empty: not sent.
     std::string response_topic;             ///< Empty: not sent.
-    util::Buffer correlation_data;          ///< Not sent; carried for the application.
+    util::Buffer correlation_data;          ///< Never sent; only kept for the application.
     int64_t will_delay_interval = -1;       ///< Seconds, 0 to 4,294,967,295.
-    std::list<PairedString> user_property;  ///< Not sent; carried for the application.
+    std::list<PairedString> user_property;  ///< Never sent; only kept for the application.
   };
 
-  /// The message that the broker publishes when the connection ends without DISCONNECT (3.1.2.5).
+  /// The will: the message that the broker publishes if the connection ends without DISCONNECT (3.1.2.5).
   struct LastWill {
-    bool enable = false;        ///< Whether a will is sent at all.
+    bool enable = false;        ///< Whether there is a will.
     PublishOption msg;          ///< Topic, payload, QoS and retain flag of the will.
-    WillProperties properties;  ///< MQTT 5.0.
+    WillProperties properties;  ///< MQTT 5.0 only.
   };
 
-  /// An inbound message, as `message_cb` receives it.
+  /// An incoming message, as `message_cb` receives it.
   struct PublishMessage {
     MqttWrapper* wrapper = nullptr;  ///< The client that received it.
-    uint16_t message_id = 0;         ///< Packet identifier; 0 for a QoS 0 message.
-    std::string topic;               ///< As the broker sent it: any bytes.
-    std::string payload;             ///< Any bytes, zeros included.
+    uint16_t message_id = 0;         ///< Packet identifier; 0 for a message at QoS 0.
+    std::string topic;               ///< As the broker sent it; may contain any bytes.
+    std::string payload;             ///< Any bytes, including zeros.
   };
 
-  /// What StartClient connects with. A numeric MQTT 5.0 property of -1 is not sent.
+  /// The settings for StartClient. A numeric MQTT 5.0 property with the value -1 is not sent.
   struct ConnectOption {
-    int32_t protocol = 1;  ///< 1: MQTT 3.1.1, 2: MQTT 5.0; anything else is refused.
-    /// Broker: an IPv4 or IPv6 literal ("fe80::1%eth0" too), or a name. A name's addresses are tried in
-    /// order.
+    int32_t protocol = 1;  ///< 1: MQTT 3.1.1, 2: MQTT 5.0; StartClient refuses other values.
+    /// The broker: an IPv4 or IPv6 address (also with a zone: "fe80::1%eth0"), or a name, whose addresses are
+    /// tried in order.
     std::string host;
-    int32_t port = 0;  ///< Broker's TCP port, 1 to 65535.
-    /// Network interface to leave through ("wwan0"); of a name the IPv6 addresses are taken where the
-    /// interface has one itself, else IPv4. Empty: whichever interface routes there; of a name IPv4 addresses
-    /// only.
+    int32_t port = 0;  ///< The broker's TCP port, 1 to 65535.
+    /// Network interface for the connection, for example "wwan0". If the interface and the name both have
+    /// IPv6 addresses, these are used, otherwise the IPv4 addresses. Empty: the routing table chooses the
+    /// interface, and only the IPv4 addresses of a name are used.
     std::string iface_name;
-    int32_t timeout = 10;  ///< Seconds that a connect, a send or an acknowledgement may take, up to 2147.
+    /// Time-out in seconds, at most 2147 (higher values count as 2147). It limits a connect, a send, the wait
+    /// for TCP's acknowledgement and the wait for the broker's answer, each by itself; the last may take
+    /// twice as long. With 0 or less, StartClient and every request that needs an answer fail immediately.
+    int32_t timeout = 10;
     std::string client_id = "KavelMQTTClient";  ///< 1 to 128 bytes; also the tag of this client's log lines.
     std::string user_name;                      ///< Empty: not sent.
-    std::string password;                       ///< Empty: not sent. Printed in clear at LOG_DEBUG.
-    int32_t keep_alive = 60;    ///< Seconds without a send until PINGREQ, 0 to 65535; 0: no pings.
-    bool clean_session = true;  ///< Start without the broker's memory of this client identifier.
-    /// Called on the receive thread for every message; QoS 1 and 2 are acknowledged before the call, and a
-    /// QoS 2 message that the broker sends again is delivered again. Exceptions are caught and logged.
+    std::string password;                       ///< Empty: not sent. Logged in clear text at LOG_DEBUG.
+    int32_t keep_alive = 60;    ///< Seconds after the last send until PINGREQ, 0 to 65535; 0: no pings.
+    bool clean_session = true;  ///< Whether the broker discards an earlier session of this client.
+    /// Called on the receive thread for every message. QoS 1 and 2 messages are acknowledged before the call.
+    /// A QoS 2 message that the broker repeats is delivered again. Exceptions are caught and logged.
     std::function<void(PublishMessage&)> message_cb;
-    LastWill lwt;  ///< The will; none unless enabled.
-    /// Called on the receive thread, as its last act, when the connection ended by itself; the argument is
-    /// `StatusInfo::dis_reason`, never 0. It may still run when StopClient or the destructor has returned on
-    /// another thread: what it touches must outlive it.
+    LastWill lwt;  ///< The will; not sent unless enabled.
+    /// Called on the receive thread, as its last action, if the connection ended by itself. The argument is a
+    /// value of `StatusInfo::dis_reason`, never 0. The call may still be running after StopClient or the
+    /// destructor has returned on another thread, so everything that it uses must live that long.
     std::function<void(MqttWrapper*, int)> disconnect_cb;
-    /// Connect over TLS, 1.2 or newer. The broker's certificate is always verified and must bear `host`.
+    /// Whether to use TLS 1.2 or newer. The broker's certificate is always verified, also against `host`.
     bool tls = false;
-    std::string ca_file;  ///< Trusts this CA file alone; empty: the system's trust store.
-    std::string cert;     ///< Client certificate file; empty: none, and `key` is not looked at.
-    std::string key;      ///< Client private-key file, not encrypted.
-    util::SslWrapper::FileType root_ca_file_type = util::SslWrapper::FileType::kPem;  ///< Of `ca_file`.
-    util::SslWrapper::FileType cert_file_type = util::SslWrapper::FileType::kPem;     ///< Of `cert`.
-    util::SslWrapper::FileType key_file_type = util::SslWrapper::FileType::kPem;      ///< Of `key`.
-    util::SslWrapper::Method ssl_method = util::SslWrapper::Method::kTls;             ///< Versions allowed.
-    std::vector<std::string> cipher_lists;     ///< OpenSSL cipher names; empty: the platform's choice.
+    std::string ca_file;  ///< Only certificates in this file are trusted. Empty: the system's store.
+    std::string cert;     ///< Client certificate file. Empty: none, and `key` is ignored.
+    std::string key;      ///< Private-key file of the client, not encrypted.
+    util::SslWrapper::FileType root_ca_file_type = util::SslWrapper::FileType::kPem;  ///< Type of `ca_file`.
+    util::SslWrapper::FileType cert_file_type = util::SslWrapper::FileType::kPem;     ///< Type of `cert`.
+    util::SslWrapper::FileType key_file_type = util::SslWrapper::FileType::kPem;      ///< Type of `key`.
+    util::SslWrapper::Method ssl_method = util::SslWrapper::Method::kTls;             ///< Allowed versions.
+    std::vector<std::string> cipher_lists;     ///< OpenSSL cipher names. Empty: the platform's default.
     int64_t session_expiry_interval = -1;      ///< Seconds, 0 to 4,294,967,295.
     int8_t request_problem_information = -1;   ///< 0 or 1.
     int8_t request_response_information = -1;  ///< 0 or 1.
     int32_t receive_maximum = -1;              ///< 1 to 65535.
     int32_t topic_alias_maximum = -1;          ///< 0 to 65535.
-    int64_t maximum_packet_size = -1;          ///< Bytes; StartClient with MQTT 5.0 sets and sends 131072.
+    int64_t maximum_packet_size = -1;          ///< Bytes. With MQTT 5.0, StartClient sets it to 131072.
     std::list<PairedString> user_property;     ///< MQTT 5.0.
   };
 
-  /// What Subscribe asks for.
+  /// The topic filters to subscribe to.
   struct SubscribeOption {
-    /// Topic filter to requested QoS (0 to 2; a higher value is logged and set to 2 here), sent in key order.
+    /// Maps each topic filter to the requested QoS, 0 to 2. Subscribe logs a higher value and sets it to 2
+    /// here. The filters are sent in the order of their keys.
     std::map<std::string, uint8_t> topics;
-    int32_t subscription_identifier = 0;    ///< MQTT 5.0: 1 to 268,435,455; below 1: not sent.
+    int32_t subscription_identifier = 0;    ///< MQTT 5.0. 1 to 268,435,455; below 1: not sent.
     std::list<PairedString> user_property;  ///< MQTT 5.0.
   };
 
-  /// What Unsubscribe asks for.
+  /// The topic filters to unsubscribe from.
   struct UnsubscribeOption {
-    std::list<std::string> topics;          ///< Topic filters, sent in this order.
+    std::list<std::string> topics;          ///< Topic filters, which are sent in this order.
     std::list<PairedString> user_property;  ///< MQTT 5.0.
   };
 
-  /// How StopClient takes its leave; MQTT 5.0 (3.14.2). With MQTT 3.1.1 nothing of it is sent.
+  /// The content of the DISCONNECT that StopClient sends with MQTT 5.0 (3.14.2). Ignored with MQTT 3.1.1.
   struct DisconnectOption {
-    int32_t reason_code = 0;                ///< DISCONNECT reason code; 4 asks for the will to be published.
+    int32_t reason_code = 0;                ///< DISCONNECT reason code; with 4 the broker publishes the will.
     int64_t session_expiry_interval = -1;   ///< Seconds, 0 to 4,294,967,295; -1: not sent.
     std::string server_reference;           ///< Empty: not sent.
     std::string reason_string;              ///< Empty: not sent.
     std::list<PairedString> user_property;  ///< MQTT 5.0.
   };
 
-  /// MQTT 5.0 properties of an inbound packet. Numbers are 0 and strings empty when the packet bears none.
+  /// MQTT 5.0 properties of an incoming packet. A number that is missing there is 0, a string is empty.
   struct Properties {
     int64_t session_expiry_interval = 0;             ///< 0x11, seconds
     std::string assigned_client_identifier;          ///< 0x12
     uint32_t server_keep_alive = 0;                  ///< 0x13, seconds
     std::string authentication_method;               ///< 0x15
-    util::Buffer authentication_data;                ///< 0x16, not filled
+    util::Buffer authentication_data;                ///< 0x16, never filled
     std::string response_information;                ///< 0x1A
     std::string server_reference;                    ///< 0x1C
     std::string reason_string;                       ///< 0x1F
@@ -228,20 +233,20 @@ class ZEB_API MqttWrapper {
     uint16_t shared_subscription_available = 0;      ///< 0x2A
   };
 
-  /// The reason code of an acknowledgement that carried none.
+  /// The reason code if the acknowledgement contained none.
   static constexpr int32_t k_no_reason_code = 0xFFFF;
 
   /// The broker's answer to CONNECT.
   struct ConnectAck {
-    bool session_present = false;            ///< The broker remembers this client identifier's session.
-    int32_t reason_code = k_no_reason_code;  ///< 0 accepted; else ConnectReturnCode or ConnectReasonCode.
+    bool session_present = false;            ///< Whether the broker had kept this client's session.
+    int32_t reason_code = k_no_reason_code;  ///< 0: accepted; else ConnectReturnCode or ConnectReasonCode.
     Properties properties;                   ///< MQTT 5.0.
   };
 
   /// The broker's answer to SUBSCRIBE.
   struct SubscriptionAck {
     uint16_t message_id = 0;  ///< Packet identifier of the request.
-    /// Of the first topic filter: the granted QoS (0 to 2), or 0x80 and above when it was refused.
+    /// For the first topic filter: the granted QoS (0 to 2), or 0x80 and above if the broker refused it.
     int32_t reason_code = k_no_reason_code;
     Properties properties;  ///< MQTT 5.0.
   };
@@ -249,88 +254,92 @@ class ZEB_API MqttWrapper {
   /// The broker's answer to UNSUBSCRIBE.
   struct UnsubscriptionAck {
     uint16_t message_id = 0;                 ///< Packet identifier of the request.
-    int32_t reason_code = k_no_reason_code;  ///< Of the first filter; MQTT 3.1.1 sends none.
+    int32_t reason_code = k_no_reason_code;  ///< For the first filter; MQTT 3.1.1 has none.
     Properties properties;                   ///< MQTT 5.0.
   };
 
-  /// Where the client stands.
+  /// The state of the client.
   struct StatusInfo {
-    /// 0: idle, 1: socket connected, 2: session established, 3: disconnected (DISCONNECT sent, or the
-    /// connection ended).
+    /// 0: idle, 1: socket connected, 2: session established, 3: disconnected (DISCONNECT has been sent, or
+    /// the connection has ended).
     int32_t status = 0;
-    /// MQTT 3.1.1: why the connection ended. 0: it did not, or was stopped; 1: the broker closed it; 2:
-    /// socket or protocol error, loss of the network, or the broker's DISCONNECT; 3: keep-alive failure.
+    /// MQTT 3.1.1: why the connection ended. 0: it has not ended, or was stopped; 1: the broker closed it;
+    /// 2: socket or protocol error, loss of the network, or the broker's DISCONNECT; 3: keep-alive failure.
     int32_t dis_reason = 0;
-    int32_t reason_code = 0;  ///< MQTT 5.0: reason code of the broker's last DISCONNECT; 0 until one arrives.
+    int32_t reason_code = 0;  ///< MQTT 5.0: reason code of the broker's DISCONNECT; 0 until one arrives.
   };
 
-  /// Throws std::bad_alloc, and nothing else.
+  /// May throw std::bad_alloc, and nothing else.
   MqttWrapper();
-  /// Ends the receive thread, without DISCONNECT: the broker publishes the will. Call StopClient first for an
-  /// orderly end. Waits for a StopClient that runs on another thread, and for a StartClient, which gives up
-  /// unless CONNECT is out.
+  /// Ends the connection without DISCONNECT, so that the broker publishes the will. Call StopClient first for
+  /// an orderly end. Allowed if no other thread is inside Publish, Subscribe, Unsubscribe or Ping. Waits for
+  /// StopClient and StartClient calls on other threads. A StartClient that has not sent CONNECT is aborted.
   ~MqttWrapper();
   MqttWrapper(const MqttWrapper&) = delete;
   MqttWrapper& operator=(const MqttWrapper&) = delete;
 
-  /// Connects and waits for CONNACK. `ack` may be null; when the broker refuses, it holds the code and the
-  /// result is `kFailure`. Blocks up to `timeout` for name, TCP and TLS together, then up to `timeout` for
-  /// the answer; a StopClient on another thread ends either at once (`kInvalidArgument` or `kFailure`). Also
-  /// `kInvalidArgument`, `kAlreadyStarted`, `kNoAddress`, or a TLS error code.
+  /// Connects to the broker and waits for CONNACK. `ack` may be null. If the broker refuses, `ack` holds the
+  /// code and the result is `kFailure`. Blocks up to `timeout` for name resolution, TCP and TLS together,
+  /// then like any request for the answer. StopClient on another thread ends it immediately
+  /// (`kInvalidArgument` or `kFailure`). Other results: `kInvalidArgument`, `kAlreadyStarted`, `kNoAddress`,
+  /// or a TLS error code.
   Result StartClient(ConnectOption& option, ConnectAck* ack);
 
-  /// Stores options for GetConnectOption alone; a running session does not see them. `kSuccess`.
+  /// Stores options that only GetConnectOption returns. They do not affect a session. Always `kSuccess`.
   Result SetConnectOption(ConnectOption& option);
-  /// A copy of the options stored last, by SetConnectOption or StartClient.
+  /// Returns a copy of the options that SetConnectOption or StartClient stored last.
   [[nodiscard]] ConnectOption GetConnectOption() const;
 
-  /// Sends DISCONNECT when a session is established, ends the receive thread and closes the connection; a
-  /// StartClient that runs on another thread is ended too, and fails.
-  /// `option` may be null. `kSuccess` also when there was nothing to stop or another stop is running;
-  /// `kNotStarted` when a failed start had left only a socket. Unacknowledged requests on other threads fail.
+  /// Sends DISCONNECT if a session is established, ends the receive thread and closes the connection.
+  /// `option` may be null. A StartClient on another thread is aborted and fails. Requests on other threads
+  /// that wait for an answer fail, at the latest when their time-out passes. Returns `kSuccess`, even if
+  /// there is nothing to stop or another stop is running. `kNotStarted`: an earlier StartClient failed before
+  /// its receive thread existed; nothing needs to be done.
   Result StopClient(DisconnectOption* option);
 
-  /// Sends a message. QoS 0 returns when the broker's TCP has taken it, QoS 1 after PUBACK, QoS 2 after
-  /// PUBCOMP. `kFailure` when that did not come in time: the message may have arrived all the same. Also
-  /// `kInvalidArgument`, `kNotConnected`, `kSendFailed`.
+  /// Sends a message. Returns at QoS 1 after PUBACK and at QoS 2 after PUBCOMP, whatever reason codes these
+  /// carry. At QoS 0, returns when the broker's TCP has acknowledged the message; if that takes longer than
+  /// the time-out, the failure is only logged. `kFailure`: no answer arrived in time, or the session ended;
+  /// the message may have arrived anyway. Other results: `kInvalidArgument`, `kNotConnected`, `kSendFailed`.
   Result Publish(PublishOption& option);
 
-  /// Subscribes and waits for SUBACK. `ack` may be null; look there for the broker's verdict, which does not
-  /// change the result. Results as for Publish.
+  /// Subscribes and waits for SUBACK. `ack` may be null. It holds the broker's decision, which does not
+  /// affect the result. Same results as Publish.
   Result Subscribe(SubscribeOption& option, SubscriptionAck* ack);
-  /// Unsubscribes and waits for UNSUBACK; as Subscribe.
+  /// Unsubscribes and waits for UNSUBACK. `ack` and results are as for Subscribe.
   Result Unsubscribe(UnsubscribeOption& option, UnsubscriptionAck* ack);
 
-  /// Sends PINGREQ; with `wait`, returns when PINGRESP has come, or `kFailure` after the time-out.
+  /// Sends PINGREQ. With `wait`, returns after PINGRESP, or `kFailure` after the time-out. Other results as
+  /// for Publish.
   Result Ping(bool wait);
 
-  /// User properties of every PUBACK sent from now on, across reconnections (MQTT 5.0).
+  /// Sets the user properties (MQTT 5.0) of all later PUBACKs, even after a reconnect. Always `kSuccess`.
   Result SetPubAckUserProperties(std::list<PairedString>& user_property);
-  /// As SetPubAckUserProperties, for PUBREC.
+  /// Like SetPubAckUserProperties, for PUBREC.
   Result SetPubRecUserProperties(std::list<PairedString>& user_property);
-  /// As SetPubAckUserProperties, for PUBCOMP.
+  /// Like SetPubAckUserProperties, for PUBCOMP.
   Result SetPubCompUserProperties(std::list<PairedString>& user_property);
 
-  /// A snapshot; never blocks for the network.
+  /// Returns a snapshot. Never waits for the network.
   [[nodiscard]] StatusInfo GetStatusInfo() const;
 
-  /// Names of codes, as MQTT has them; "UNKNOWN" for a value that has none. Any thread.
+  /// Returns the name of an MQTT 3.1.1 return code, or "UNKNOWN" for a value without a name. Any thread.
   static std::string GetConnectReturnCodeInStr(ConnectReturnCode code);
-  /// The same by number.
+  /// The same for a number.
   static std::string GetConnectReturnCodeInStr(int code);
-  /// The same of a CONNACK reason code.
+  /// The same for a CONNACK reason code.
   static std::string GetConnectReasonCodeInStr(ConnectReasonCode code);
-  /// The same by number.
+  /// The same for a number.
   static std::string GetConnectReasonCodeInStr(int code);
-  /// The same of a packet type.
+  /// The same for a packet type.
   static std::string GetMsgTypeInStr(MessageType type);
-  /// The same by number.
+  /// The same for a number.
   static std::string GetMsgTypeInStr(int type);
 
  private:
   std::unique_ptr<SelfMqttImpl> impl_;
-  ConnectOption option_;             // informational; guarded by option_mutex_
-  mutable std::mutex option_mutex_;  // several threads may start, set and read at once
+  ConnectOption option_;             // for GetConnectOption; guarded by option_mutex_
+  mutable std::mutex option_mutex_;  // several threads may start the client, set and read at once
 };
 
 }  // namespace zeb::mqtt

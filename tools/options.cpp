@@ -133,8 +133,8 @@ void AddConnection(CLI::App& app, Options& options, Raw& raw) {
         "user property of CONNECT and SUBSCRIBE; may be repeated; needs -V 5");
   Name(app, "--iface", connect.iface_name, "NAME", "network interface to connect through");
   Number(app, "--timeout", connect.timeout, 1, 2'147, "seconds to wait for a connection or an answer (10)");
-  Number(app, "--retry", options.retry.count, 1, kMaxInt, "reconnect up to N times in a row");
-  Number(app, "--retry-time", options.retry.seconds, 1, kYear, "reconnect for up to N seconds");
+  Number(app, "--retry", options.retry.count, 1, kMaxInt, "connect again, up to N times in a row");
+  Number(app, "--retry-time", options.retry.seconds, 1, kYear, "connect again, for up to N seconds");
   app.add_flag("--debug", options.debug, "show the library's log, including the password");
   AddTls(app, options, raw);
   AddWill(app, options, raw);

@@ -8,7 +8,7 @@
 
 namespace zeb::tools {
 
-/// Limits on reconnecting. A limit of 0 does not apply; if both are 0, there is no reconnecting.
+/// Limits on connecting again. A limit of 0 does not apply; if both are 0, there is no second attempt.
 struct Retry {
   [[nodiscard]] bool enabled() const { return count > 0 || seconds > 0; }
   int count = 0;

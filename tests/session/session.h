@@ -67,7 +67,9 @@ struct Session {
   MqttWrapper::ConnectOption option;
   Mailbox<std::string> payloads;  // of the messages delivered
   Mailbox<int> ends;              // reasons given to disconnect_cb
-  SelfMqttImpl client{nullptr};   // ends first: message_cb uses the others
+  // Ends first: message_cb uses the others.
+  std::unique_ptr<SelfMqttImpl> owned = std::make_unique<SelfMqttImpl>(nullptr);
+  SelfMqttImpl& client = *owned;
 };
 
 /// One that has started already.

@@ -84,14 +84,16 @@ TEST(Start, FailsWithoutAGoodConnack) {
   }
 }
 
-TEST(Start, LetsNothingGoOutBeforeConnect) {
+TEST(Start, LetsNothingGoOutBeforeConnectOrBehindDisconnect) {
   std::set<const Connection*> greeted;  // the broker's thread alone
   const auto judge = [&](Connection& connection, const Packet& packet) {
     if (packet.type() == MsgType::CONNECT) greeted.insert(&connection);
     EXPECT_EQ(greeted.count(&connection), 1U);
+    if (packet.type() == MsgType::DISCONNECT) greeted.erase(&connection);
     ScriptedBroker::Answer(connection, packet);
   };
-  Session session(k_mqtt311, {{MsgType::CONNECT, judge}, {MsgType::PUBLISH, judge}});
+  Session session(k_mqtt311,
+                  {{MsgType::CONNECT, judge}, {MsgType::PUBLISH, judge}, {MsgType::DISCONNECT, judge}});
   std::atomic<bool> done{false};
   const auto publisher = std::async(std::launch::async, [&] {
     while (!done) (void)session.Publish(0);  // mostly refused

@@ -1,4 +1,4 @@
-// Requests and packets that meet a start, a stop or a lost connection: each answer reaches its own
+// Requests, pings and packets that meet a start, a stop or a lost connection: each answer reaches its own
 // request, each request ends when it should, none is the reason for an end that was asked for.
 #include <linux/sockios.h>
 #include <sys/ioctl.h>
@@ -7,6 +7,7 @@
 #include <set>
 
 #include "tests/session/session.h"
+#include "util/network_manager.h"
 
 namespace zeb::test {
 namespace {
@@ -175,6 +176,68 @@ TEST(Stream, APubrelFindsItsUnfinishedExchangeInTheNextSession) {
   session.Send("6202000a");
   EXPECT_EQ(session.broker.Await(MsgType::PUBCOMP).hex(), "7002000a");
   EXPECT_TRUE(session.Healthy());
+}
+
+TEST(Stop, EndsAPingThatWaitsAndTheReceiveThreadsBehindIt) {
+  Session session(k_mqtt311, {{MsgType::PINGREQ, Ignore}}, 600);
+  session.option.keep_alive = 1;
+  ASSERT_EQ(session.Start(), kSuccess);
+  auto ping = std::async(std::launch::async, [&] { return session.client.Ping(true); });
+  ASSERT_EQ(session.broker.Await(MsgType::PINGREQ).hex(), "c000");
+  size_t sent = 0;
+  do {  // until the thread waits for its turn to ping and takes nothing more
+    session.Send("3003000161");
+    ::poll(nullptr, 0, 300);
+  } while (session.payloads.Await(0).size() == ++sent);
+  EXPECT_LT(Seconds([&] { EXPECT_EQ(session.Stop(), kSuccess); }), 8.0);
+  EXPECT_EQ(ping.get(), kFailure);
+  EXPECT_EQ(session.ends.Await(0).size(), 0U);
+}
+
+TEST(KeepAlive, HasNothingToDoBeforeConnectIsOut) {
+  Session session(k_mqtt311, {}, 60);
+  session.option.keep_alive = 1;
+  line_ms = 300;  // six lines and more before CONNECT
+  EXPECT_EQ(session.Start(), kSuccess);
+  line_ms = 0;
+  EXPECT_TRUE(session.Healthy());
+}
+
+TEST(End, IsNotMissedWhileTheReceiveThreadSetsItselfUp) {
+  util::EventDic lost(util::EventDic::k_address_lost);
+  lost.SetParam(util::EventDic::k_ip_version, "4");
+  for (int round = 0; round < 30; ++round) {
+    Session session;
+    const LogCapture log;
+    std::atomic<bool> deleted{false};
+    auto network = std::async(std::launch::async, [&] {
+      for (; !log.Contains("Before write diconnect event");) util::NetworkManager::RaiseEvent(lost);
+      EXPECT_EQ(session.ends.Await(1), std::vector<int>{2});
+    });
+    (void)session.Start();  // it may be over before CONNACK comes in, or after
+    network.get();
+    EXPECT_EQ(session.client.GetStatusInfo().status, 3);
+    (void)session.Stop();
+    EXPECT_EQ(session.Start(), kSuccess);
+    network = std::async(std::launch::async, [&] {
+      while (!deleted) util::NetworkManager::RaiseEvent(lost);
+    });
+    session.owned.reset();
+    deleted = true;
+  }
+}
+
+TEST(Request, IsChargedForASuspendOnlyByAnEventOfAnotherType) {
+  for (const bool other : {true, false}) {
+    StartedSession session(k_mqtt311, {{MsgType::PUBLISH, Ignore}});
+    const LogCapture log;
+    auto published = session.PublishAsync(1);
+    ASSERT_TRUE(log.WaitFor("Before dequeue during"));
+    suspended_s += 60;
+    session.Send(other ? "3003000161 40020001" : "4002f000 40020001");
+    EXPECT_EQ(published.get(), other ? kFailure : kSuccess);
+  }
+  suspended_s = 0;
 }
 
 }  // namespace

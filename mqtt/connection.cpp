@@ -47,7 +47,7 @@ struct SelfMqttImpl::StartPlan {
 };
 
 Result SelfMqttImpl::StartClient(ConnectOption& option, ConnectAck* ack) {
-  EnterStart();
+  EnterCall();
   bool claimed = false;
   const util::ScopeExit end_start([&] { EndStart(claimed); });
   SetTag(option.client_id);

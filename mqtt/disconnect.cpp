@@ -69,6 +69,8 @@ void SelfMqttImpl::BuildDisconnect(PacketWriter& body, MqttWrapper::DisconnectOp
 }
 
 Result SelfMqttImpl::StopClient(MqttWrapper::DisconnectOption* option) {
+  EnterCall();
+  const util::ScopeExit leave([this] { LeaveCall(); });
   AbortStart();
   const std::shared_ptr<util::SocketClient> socket = SharedSocket();
   if (socket == nullptr || socket->GetFd() <= 0) {

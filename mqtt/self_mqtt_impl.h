@@ -155,7 +155,8 @@ class SelfMqttImpl : public Codec {
   Result ExchangeConnect(ConnectOption& option, ConnectAck& ack);
 
   // ---- start_claim.cpp
-  void EnterStart();
+  void EnterCall();
+  void LeaveCall();
   bool BeginStart(const ConnectOption& option);
   bool ClaimStart(int64_t deadline_us);
   bool EnterExchange();
@@ -300,7 +301,7 @@ class SelfMqttImpl : public Codec {
   bool start_aborted_ = false;               // stop_mutex_: a stop has taken back the start that connects
   util::ScopedFd abort_fd_;                  // stop_mutex_, the number alone by the start: readable then
   std::thread::id starter_;                  // stop_mutex_: who connects
-  int starts_inside_ = 0;                    // stop_mutex_: calls of StartClient that have not returned
+  int calls_inside_ = 0;                     // stop_mutex_: StartClient and StopClient that have not returned
   bool closing_ = false;                     // stop_mutex_: the destructor has begun
   util::Mutex handle_mutex_;     // thread_state_, and recv_thread_ against the thread's own Detach
   util::Condition handle_cond_;  // handle_mutex_: thread_state_ changed

@@ -9,10 +9,17 @@
 
 namespace zeb::mqtt {
 
-// Every StartClient is counted from its first step to its last, whatever becomes of it: the destructor waits.
-void SelfMqttImpl::EnterStart() {
+// Every StartClient and StopClient is counted from its first step to its last, because the destructor waits
+// for them. A StopClient may itself be waiting for a start that it has aborted.
+void SelfMqttImpl::EnterCall() {
   const util::MutexLock lock(stop_mutex_);
-  ++starts_inside_;
+  ++calls_inside_;
+}
+
+void SelfMqttImpl::LeaveCall() {
+  const util::MutexLock lock(stop_mutex_);
+  --calls_inside_;
+  stop_cond_.Broadcast();
 }
 
 void SelfMqttImpl::EndStart(bool claimed) {
@@ -21,7 +28,7 @@ void SelfMqttImpl::EndStart(bool claimed) {
     starting_ = StartState::kNone;
     abort_fd_.Reset();
   }
-  --starts_inside_;
+  --calls_inside_;
   stop_cond_.Broadcast();
 }
 
@@ -93,13 +100,13 @@ void SelfMqttImpl::AbortStart() {
   while (others && start_aborted_ && starting_ == StartState::kConnecting) stop_cond_.Wait(stop_mutex_);
 }
 
-// For the destructor: no further start begins, and those under way have left.
+// For the destructor: no further start begins, and the calls under way have left.
 void SelfMqttImpl::WaitForStart() {
   const util::MutexLock lock(stop_mutex_);
   closing_ = true;
   (void)AbortStartLocked();  // its end is waited for with the others'
   stop_cond_.Broadcast();
-  while (starts_inside_ > 0) stop_cond_.Wait(stop_mutex_);
+  while (calls_inside_ > 0) stop_cond_.Wait(stop_mutex_);
 }
 
 }  // namespace zeb::mqtt

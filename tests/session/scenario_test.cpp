@@ -225,6 +225,23 @@ TEST(Delete, WaitsForACallbackAStopAndAStartThatWaitsForIt) {
   }
 }
 
+TEST(Delete, WaitsForAStopThatWaitsForAStart) {
+  const FullListener full;
+  Session session(k_mqtt311, {}, 600);
+  session.option.port = full.port;
+  Call start([&] { return session.Start(); });
+  ASSERT_TRUE(start.Waits());
+  line_ms = 500;  // the start, and then the stop, still have lines to write
+  Call stop([&] { return session.Stop(); });
+  ASSERT_TRUE(stop.Waits());
+  session.owned.reset();
+  const auto soon = std::chrono::milliseconds(400);
+  EXPECT_EQ(stop.result.wait_for(soon), std::future_status::ready) << "the client has gone before it";
+  line_ms = 0;
+  EXPECT_EQ(stop.result.get(), kSuccess);
+  EXPECT_EQ(start.result.get(), kInvalidArgument);
+}
+
 TEST(Callback, ThatAStartDestroysMayStopOrStartItsClient) {
   for (const bool stops : {true, false}) {
     SCOPED_TRACE(stops);

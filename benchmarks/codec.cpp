@@ -81,9 +81,11 @@ void Decode(benchmark::State& state, const Inbound& inbound) {
       fuzz::NewClient(inbound.mqtt5, [&](auto& message) { delivered += message.payload.size(); });
   fuzz::wire.keeps = false;
   const auto* const bytes = reinterpret_cast<const uint8_t*>(inbound.bytes.data());
+  const auto session = Peer::Current(*client);
+  const auto size = static_cast<int>(inbound.bytes.size());
   const int64_t before = allocations;
   while (state.KeepRunning()) {
-    if (client->DecodePackets(bytes, inbound.bytes.size()) != static_cast<int>(inbound.bytes.size()))
+    if (Peer::DecodePackets(*client, *session, bytes, inbound.bytes.size()) != size)
       return state.SkipWithError("not all was decoded");
   }
   state.counters["allocations"] =

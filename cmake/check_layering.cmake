@@ -12,8 +12,24 @@ set(rules
 set(application_folders examples tools)
 set(application_forbids "^(mqtt|util|platform|tests)/")
 set(application_header "mqtt/mqtt_wrapper.h")
-# The codec sees the public records and itself.
-set(codec_may "^mqtt/(codec/|mqtt_wrapper[.]h$)")
+# Inside mqtt/ a file includes its own layer and those before it. What matches none is an operation.
+set(mqtt_layers
+  "^mqtt/(codec/|mqtt_wrapper[.]h$)"
+  "^mqtt/(client_log|ack_queue|ping_watch|send_queue_watch|stream_assembler|inbound_qos2)[.]"
+  "^mqtt/session[.]"
+  "^mqtt/lifecycle[.]"
+  "^mqtt/self_mqtt_impl[.]"
+)
+function(layer_of path result)
+  set(layer 0)
+  foreach(pattern IN LISTS mqtt_layers)
+    if(path MATCHES "${pattern}")
+      break()
+    endif()
+    math(EXPR layer "${layer} + 1")
+  endforeach()
+  set(${result} ${layer} PARENT_SCOPE)
+endfunction()
 set(openssl_folders "^(platform/linux|tests|benchmarks/compare)/")
 
 set(looked_at "")
@@ -48,8 +64,12 @@ foreach(folder IN ITEMS mqtt util platform tools examples tests fuzz benchmarks)
       if(folder IN_LIST application_folders AND included STREQUAL application_header)
         set(application_exception TRUE)
       endif()
-      if(path MATCHES "^mqtt/codec/" AND included MATCHES "^mqtt/" AND NOT included MATCHES "${codec_may}")
-        list(APPEND faults "${path} includes ${included}: the codec knows nobody")
+      if(path MATCHES "^mqtt/" AND included MATCHES "^mqtt/")
+        layer_of(${path} own)
+        layer_of(${included} other)
+        if(other GREATER own)
+          list(APPEND faults "${path} includes ${included}: a layer above its own")
+        endif()
       endif()
       if(forbidden AND included MATCHES "${forbidden}" AND NOT application_exception)
         list(APPEND faults "${path} includes ${included}: the wrong way round")

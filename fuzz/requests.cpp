@@ -74,6 +74,8 @@ struct Session : fuzz::Input {
     mqtt5 = option.protocol == 2;
     Texts wanted{option.client_id, option.user_name, option.password};
     if (will.enable) wanted.insert(wanted.begin() + 1, {will.msg.topic, will.msg.payload});
+    Peer::SetConnected(*client, option, Peer::Current(*client)->Socket());  // CONNECT begins a new session
+    Peer::SetMessageId(*client, static_cast<int32_t>(last_id));
     Verify(client->Connect(option, nullptr), 0x10, wanted);
   }
   void Publish() {

@@ -38,11 +38,11 @@ struct Receiver {
       outcome += std::to_string(message.message_id) + message.topic + '|' + message.payload + '\n';
     });
     fuzz::wire.end = (mode & 2) != 0 ? 0 : (mode & 4) != 0 ? -1 : util::SocketClient::k_nothing_now;
-    loop.socket = Peer::Socket(*client);
-    loop.rx_buf = util::MapZeroedPages(k_buffer);
+    loop = std::make_unique<Peer::RecvLoop>(*client, *Peer::Current(*client));
+    fuzz::Require(loop->stream.Allocate(k_buffer), "memory");
   }
   std::string Finish() {
-    Peer::ReceiveAvailable(*client, loop);  // the stream's end
+    loop->ReceiveAvailable();  // the stream's end
     std::vector<int> numbers{Peer::DisReason(*client), Peer::KeepThread(*client) ? 1 : 0};
     for (const auto& event : Peer::QueuedEvents(*client)) {
       const std::initializer_list<int> codes = {
@@ -56,7 +56,7 @@ struct Receiver {
     return outcome;
   }
   std::unique_ptr<SelfMqttImpl> client;
-  Peer::RecvLoop loop;
+  std::unique_ptr<Peer::RecvLoop> loop;
   std::string outcome;
 };
 
@@ -100,12 +100,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   // Also beyond a DISCONNECT, where the thread would read no more. Each call takes a piece or more.
   for (size_t calls = pieces.size() + stream.size(); calls > 0 && fuzz::wire.received < stream.size();
        --calls) {
-    Peer::ReceiveAvailable(*split.client, split.loop);
+    split.loop->ReceiveAvailable();
   }
   fuzz::Require(split.Finish() == expected, "the same messages, events, answers and end");
-  const auto [held, skipped] = Peer::LeftBytes(*split.client);
+  const mqtt::StreamAssembler& left = split.loop->stream;
+  const auto held = static_cast<size_t>(left.left_buf_size());
+  const auto skipped = static_cast<size_t>(left.extra_packet_size());
   fuzz::Require(held == std::min(rest.size(), k_buffer) && held + skipped == rest.size(),
                 "as many bytes left");
-  fuzz::Require(std::memcmp(split.loop.rx_buf.get(), rest.data(), held) == 0, "the same bytes left");
+  fuzz::Require(std::memcmp(left.begin(), rest.data(), held) == 0, "the same bytes left");
   return 0;
 }

@@ -1,256 +1,199 @@
-// The queue of inbound events and the judgement of which waiting request an event belongs to. Any thread.
+// Which request an event belongs to, who is woken, and what is kept.
 #include "mqtt/ack_queue.h"
 
 #include <algorithm>
+#include <iterator>
 #include <utility>
 
 #include "util/log.h"
 
 namespace zeb::mqtt {
-namespace {
 
-bool CanBeAwaited(MsgType type) {
-  switch (type) {
-    case MsgType::RESERVED:
-    case MsgType::CONNACK:
-    case MsgType::PUBACK:
-    case MsgType::PUBREC:
-    case MsgType::PUBCOMP:
-    case MsgType::SUBACK:
-    case MsgType::UNSUBACK:
-    case MsgType::PINGRESP:
-      return true;
-    default:
-      return false;
-  }
-}
-
-// An acknowledgement that nobody asked for may bear 128 KiB of them.
-void DropProperties(AckRecords& records) {
-  records.connect_ack.properties = {};
-  records.subscription_ack.properties = {};
-  records.unsubscription_ack.properties = {};
-}
-
-}  // namespace
-
+// An exception leaves the queue as it was.
 AckQueue::Waiter::Waiter(AckQueue& queue, MsgType awaited, int message_id)
     : queue_(queue), awaited_(awaited), message_id_(message_id) {
-  const util::MutexLock lock(queue_.mutex_);
-  session_ = queue_.session_;
-  queue_.next_lane_ = queue_.next_lane_ + 1 < k_lanes ? queue_.next_lane_ + 1 : k_news_lane + 1;
-  lane_ = queue_.next_lane_;
-  queue_.waiters_.push_back(this);
+  const util::MutexLock lock(queue.mutex_);
+  queue.waiters_.reserve(queue.waiters_.size() + 1);
+  if (queue.free_bells_.empty()) {
+    queue.free_bells_.reserve(queue.bells_.size() + 1);
+    queue.free_bells_.push_back(&queue.bells_.emplace_back());
+  }
+  bell_ = queue.free_bells_.back();
+  queue.free_bells_.pop_back();
+  queue.waiters_.push_back(this);
 }
 
+// A request that gives up may leave an answer behind, and another one may await the same.
 AckQueue::Waiter::~Waiter() {
   const util::MutexLock lock(queue_.mutex_);
-  queue_.Unregister(*this);
+  auto& waiters = queue_.waiters_;
+  waiters.erase(std::find(waiters.begin(), waiters.end(), this));
+  queue_.free_bells_.push_back(bell_);
+  if (answer_.empty()) return;
+  if (Waiter* const owner = queue_.Place(answer_, false)) owner->bell_->Broadcast();
 }
 
-// For the requests of earlier sessions there is only the end.
 bool AckQueue::Waiter::Awaits(const AckEvent& event) const {
-  return IsCurrent() && awaited_ == event.type && (message_id_ <= 0 || message_id_ == event.message_id);
+  return awaited_ == event.type && !ended_ && (message_id_ <= 0 || message_id_ == event.message_id);
 }
 
 void AckQueue::Enqueue(AckEvent event) {
-  const bool debug = util::LogEnabled(LOG_DEBUG);  // before the lock: the log has one, too, and may be slow
+  const bool debug = util::LogEnabled(LOG_DEBUG);  // before the lock, because the log may be slow
+  Entries entry;
+  if (event.type != MsgType::RESERVED) entry.push_back({0, {}, std::move(event)});
   util::MutexLock lock(mutex_);
-  if (event.records != nullptr && !TypeIsAwaited(event.type)) DropProperties(*event.records);
-  // For requests still to come any time in the past will do: no two looks at a clock for each message.
-  const util::Moment arrived = waiters_.empty() ? util::Moment{} : util::Moment::Now();
-  ack_event_l_.push_back({++last_number_, arrived, std::move(event)});
-  Entry& entry = ack_event_l_.back();
-  const bool awaitable = CanBeAwaited(entry.event.type);
-  const bool wakes = awaitable || debug;
-  const LaneSet lanes = wakes ? LanesToWake(entry.event, debug) : LaneSet{};
-  if (awaitable) {
-    KeepForWaiter(entry);
-  } else {
-    ++unawaited_count_;
+  if (entry.empty()) {
+    ended_ = true;
+    for (Waiter* waiter : waiters_) waiter->bell_->Broadcast();
+    return;
   }
-  DropOldest();
-  if (!wakes) return;
-  if (awaitable) return Announce(lock, lanes);
+  entry.front().number = ++last_number_;
+  // For a request still to come any time in the past will do, which saves two looks at a clock.
+  if (!waiters_.empty()) entry.front().arrived = util::Moment::Now();
+  Waiter* const owner = Place(entry, debug);
+  if (owner == nullptr) return;
+  // The owner needs the lock as soon as it wakes. It may be gone by then, but its condition is not.
+  util::Condition* const bell = owner->bell_;
   lock.Unlock();
-  Wake(lanes);
+  bell->Broadcast();
 }
 
-AckQueue::LaneSet AckQueue::LanesToWake(const AckEvent& event, bool debug) const {
-  LaneSet own;
-  LaneSet all;
-  for (const Waiter* waiter : waiters_) {
-    all.set(waiter->lane_);
-    if (waiter->Awaits(event)) own.set(waiter->lane_);
-  }
-  // Those whom it does not concern tell in debug that they left it; without these lines they sleep on.
-  LaneSet lanes = own.any() && !debug ? own : all;
-  return lanes.set(k_news_lane);
-}
-
-// Gives the lock up before it wakes anybody: who wakes needs it at once.
-void AckQueue::Announce(util::MutexLock& lock, LaneSet lanes) {
-  for (size_t i = 0; i < k_lanes; ++i)
-    if (lanes[i]) ++lanes_[i].news;
-  if (lanes_[k_news_lane].awaiting_news == 0) lanes.reset(k_news_lane);
-  lock.Unlock();
-  Wake(lanes);
-}
-
-void AckQueue::Wake(LaneSet lanes) {
-  for (size_t i = 0; i < k_lanes; ++i)
-    if (lanes[i]) lanes_[i].cond.Broadcast();
-}
-
-bool AckQueue::TypeIsAwaited(MsgType type) const {
-  return std::any_of(waiters_.begin(), waiters_.end(),
-                     [&](const Waiter* waiter) { return waiter->IsCurrent() && waiter->awaited_ == type; });
-}
-
-bool AckQueue::IsAwaited(const AckEvent& event) const {
-  return std::any_of(waiters_.begin(), waiters_.end(),
-                     [&](const Waiter* waiter) { return waiter->Awaits(event); });
-}
-
-// The first that awaits it and has no answer yet.
-void AckQueue::KeepForWaiter(Entry& entry) {
-  const auto waiter = std::find_if(waiters_.begin(), waiters_.end(), [&](const Waiter* each) {
-    return each->answer_ == 0 && each->Awaits(entry.event);
+// Gives the event to the oldest request that awaits it and has no answer yet, and returns that request; the
+// caller wakes it. Otherwise the event is listed for all.
+AckQueue::Waiter* AckQueue::Place(Entries& entry, bool debug) {
+  const AckEvent& event = entry.front().event;
+  const bool awaitable = Codec::IsAck(event.type);
+  const auto found = std::find_if(waiters_.begin(), waiters_.end(), [&](const Waiter* waiter) {
+    return waiter->answer_.empty() && waiter->Awaits(event);
   });
-  if (waiter == waiters_.end()) return;
-  (*waiter)->answer_ = entry.number;
-  entry.kept_for = *waiter;
-  ++kept_count_;
+  Waiter* const owner = found != waiters_.end() ? *found : nullptr;
+  owner != nullptr ? owner->answer_.splice(owner->answer_.end(), entry) : List(entry);
+  for (Waiter* waiter : waiters_) {
+    const bool news =
+        awaitable && (owner == nullptr || owner == waiter || waiter->awaited_ == MsgType::RESERVED);
+    if (news) waiter->news_ = true;
+    if (waiter != owner && (news || (debug && owner == nullptr))) waiter->bell_->Broadcast();
+  }
+  return owner;
 }
 
-// An answer that it leaves behind, because an older one was there for instance, is kept for another request
-// that awaits the same or is one event among the others.
-void AckQueue::Unregister(Waiter& waiter) {
-  waiters_.remove(&waiter);
-  if (waiter.answer_ == 0) return;
-  const auto answer = std::find_if(ack_event_l_.begin(), ack_event_l_.end(),
-                                   [&](const Entry& entry) { return entry.kept_for == &waiter; });
-  if (answer == ack_event_l_.end()) return;  // of an earlier session
-  answer->kept_for = nullptr;
-  --kept_count_;
-  KeepForWaiter(*answer);
-  DropOldest();
-}
-
-// Makes room for one event more that is not kept, at the cost of what can be missed best.
-void AckQueue::DropOldest() {
+// Keeps the list in order and within its bounds. Properties that nobody asked for may be 128 KiB.
+void AckQueue::List(Entries& entry) {
+  AckEvent& event = entry.front().event;
+  if (AckRecords* const records = event.records.get()) {
+    records->connect_ack.properties = {};
+    records->subscription_ack.properties = {};
+    records->unsubscription_ack.properties = {};
+  }
+  if (!Codec::IsAck(event.type)) ++unawaited_count_;
+  auto place = ack_event_l_.end();
+  while (place != ack_event_l_.begin() && std::prev(place)->number > entry.front().number) --place;
+  ack_event_l_.splice(place, entry);
+  auto oldest = ack_event_l_.begin();
   if (unawaited_count_ > k_max_unawaited) {
-    const auto oldest = std::find_if(ack_event_l_.begin(), ack_event_l_.end(),
-                                     [](const Entry& entry) { return !CanBeAwaited(entry.event.type); });
-    ack_event_l_.erase(oldest);
-    --unawaited_count_;
+    while (Codec::IsAck(oldest->event.type)) ++oldest;
+  } else if (ack_event_l_.size() <= k_max_events) {
+    return;
   }
-  if (ack_event_l_.size() - kept_count_ > k_max_events) {
-    const auto oldest = std::find_if(ack_event_l_.begin(), ack_event_l_.end(),
-                                     [](const Entry& entry) { return entry.kept_for == nullptr; });
-    if (!CanBeAwaited(oldest->event.type)) --unawaited_count_;
-    ack_event_l_.erase(oldest);
-  }
+  if (!Codec::IsAck(oldest->event.type)) --unawaited_count_;
+  ack_event_l_.erase(oldest);
 }
 
 AckQueue::Look AckQueue::Dequeue(Waiter& waiter, AckEvent& out, int64_t timeout_us) {
   const int64_t deadline_us = util::MonotonicUs() + timeout_us;
-  bool timed_out = false;
   const util::MutexLock lock(mutex_);
-  for (;;) {
-    if (!waiter.IsCurrent()) {
-      Look ended;
-      ended.verdict = Verdict::kEnd;
-      return ended;
-    }
-    // Numbers ascend, so the first unseen event is found from the back in as many steps as there are new
-    // ones.
-    auto unseen = ack_event_l_.end();
-    while (unseen != ack_event_l_.begin() && std::prev(unseen)->number > waiter.seen_) --unseen;
-    if (unseen != ack_event_l_.end()) return Judge(waiter, unseen, out);
+  for (bool timed_out = false;;) {
+    Look look = Next(waiter, out);
+    if (look.verdict != Verdict::kNothing) return look;
     if (timed_out) {
-      Look nothing;
-      nothing.queued = static_cast<size_t>(
+      look.queued = static_cast<size_t>(
           std::count_if(ack_event_l_.begin(), ack_event_l_.end(),
                         [&](const Entry& entry) { return entry.event.type != waiter.awaited_; }));
-      return nothing;
+      return look;
     }
     const int64_t left_us = std::max<int64_t>(deadline_us - util::MonotonicUs(), 0);
-    timed_out = left_us == 0 || lanes_[waiter.lane_].cond.WaitUntil(mutex_, left_us) == kTimeout;
+    timed_out = left_us == 0 || waiter.bell_->WaitUntil(mutex_, left_us) == kTimeout;
   }
 }
 
-AckQueue::Look AckQueue::Judge(Waiter& waiter, Entries::iterator entry, AckEvent& out) {
-  AckEvent& event = entry->event;
-  waiter.seen_ = entry->number;
-  Look look;
-  look.type = event.type;
-  look.message_id = event.message_id;
-  look.arrived = entry->arrived;
-  if (event.type == waiter.awaited_) {
-    look.verdict = waiter.Awaits(event) ? Verdict::kMatch
-                   : IsAwaited(event)   ? Verdict::kOthers
-                                        : Verdict::kDropped;
-  } else {
-    // A start that waits for CONNACK has the first claim on the end: it must fail at once.
-    const bool ended = event.type == MsgType::RESERVED &&
-                       (waiter.awaited_ == MsgType::CONNACK || !TypeIsAwaited(MsgType::CONNACK));
-    look.verdict = ended ? Verdict::kEnd : Verdict::kForeign;
+// What there is for the waiter: a listed event older than its answer, its answer, the end, or nothing.
+AckQueue::Look AckQueue::Next(Waiter& waiter, AckEvent& out) {
+  // Numbers ascend, so the walk from the back takes as many steps as there are new events.
+  auto entry = ack_event_l_.end();
+  while (entry != ack_event_l_.begin() && std::prev(entry)->number > waiter.seen_) --entry;
+  const uint64_t answer = waiter.answer_.empty() ? UINT64_MAX : waiter.answer_.front().number;
+  for (; !waiter.ended_ && entry != ack_event_l_.end() && entry->number < answer; ++entry) {
+    waiter.seen_ = entry->number;
+    const Verdict verdict = Judge(waiter, entry->event);
+    if (verdict != Verdict::kNothing) return Take(ack_event_l_, entry, verdict, out);
   }
-  const bool stays = look.verdict == Verdict::kOthers || look.verdict == Verdict::kForeign;
-  if (look.verdict == Verdict::kMatch) out = std::move(event);
-  if (!stays) {  // what is taken can be awaited, so the other count stands
-    if (entry->kept_for != nullptr) {
-      entry->kept_for->answer_ = 0;
-      --kept_count_;
-    }
-    ack_event_l_.erase(entry);
-  }
-  look.queued = ack_event_l_.size();
+  if (!waiter.ended_ && !waiter.answer_.empty())
+    return Take(waiter.answer_, waiter.answer_.begin(), Verdict::kAnswer, out);
+  if (!waiter.ended_ && !TakeEnd(waiter)) return {};
+  out = {};
+  return {Verdict::kEnd, 0, {}};
+}
+
+// An event of the awaited type stays for another request that awaits it, even if that has its answer already.
+// kNothing: the waiter has nothing to do with the event.
+AckQueue::Verdict AckQueue::Judge(const Waiter& waiter, const AckEvent& event) const {
+  if (event.type != waiter.awaited_) return Verdict::kForeign;
+  if (waiter.Awaits(event)) return Verdict::kAnswer;
+  const bool others =
+      std::any_of(waiters_.begin(), waiters_.end(), [&](const Waiter* each) { return each->Awaits(event); });
+  return others ? Verdict::kNothing : Verdict::kDropped;
+}
+
+// What leaves the list can be awaited, so `unawaited_count_` stands.
+AckQueue::Look AckQueue::Take(Entries& from, Entries::iterator entry, Verdict verdict, AckEvent& out) {
+  Look look{verdict, 0, entry->arrived};
+  out.type = entry->event.type;
+  out.message_id = entry->event.message_id;
+  if (verdict == Verdict::kAnswer) out.records = std::move(entry->event.records);
+  if (verdict != Verdict::kForeign) from.erase(entry);
+  look.queued = ack_event_l_.size() + (ended_ && !end_taken_ ? 1 : 0);
+  for (const Waiter* waiter : waiters_) look.queued += waiter->answer_.size();
   return look;
 }
 
-void AckQueue::AwaitNews(size_t lane, uint64_t* seen, int64_t timeout_us) {
+// One request fails at once when the connection ends. A start that waits for CONNACK comes before all others.
+bool AckQueue::TakeEnd(const Waiter& waiter) {
+  if (!ended_ || end_taken_) return false;
+  const bool start_waits = std::any_of(waiters_.begin(), waiters_.end(), [](const Waiter* each) {
+    return each->awaited_ == MsgType::CONNACK && !each->ended_;
+  });
+  end_taken_ = !start_waits || waiter.awaited_ == MsgType::CONNACK;
+  return end_taken_;
+}
+
+bool AckQueue::AwaitNews(Waiter& waiter, int64_t timeout_us) {
   const int64_t deadline_us = util::MonotonicUs() + timeout_us;
   const util::MutexLock lock(mutex_);
-  Lane& own = lanes_[lane];
-  ++own.awaiting_news;
-  while (own.news <= *seen) {
+  waiter.drains_ = true;
+  while (!waiter.news_ && !ended_ && !waiter.ended_) {
     const int64_t left_us = deadline_us - util::MonotonicUs();
-    if (left_us <= 0 || own.cond.WaitUntil(mutex_, left_us) == kTimeout) break;
+    if (left_us <= 0 || waiter.bell_->WaitUntil(mutex_, left_us) == kTimeout) break;
   }
-  --own.awaiting_news;
-  *seen = own.news;
+  waiter.drains_ = waiter.news_ = false;
+  return !ended_ && !waiter.ended_;
 }
 
 void AckQueue::TellNews() {
-  util::MutexLock lock(mutex_);
-  LaneSet lanes;
-  for (size_t i = 0; i < k_lanes; ++i) {
-    ++lanes_[i].news;  // for who is just about to await it, too
-    lanes[i] = lanes_[i].awaiting_news > 0;
+  const util::MutexLock lock(mutex_);
+  for (Waiter* waiter : waiters_) {
+    waiter->news_ = true;  // one that is just about to await news must not miss them
+    if (waiter->drains_) waiter->bell_->Broadcast();
   }
-  lock.Unlock();
-  Wake(lanes);
-}
-
-uint64_t AckQueue::News(size_t lane) {
-  const util::MutexLock lock(mutex_);
-  return lanes_[lane].news;
-}
-
-uint64_t AckQueue::Session() {
-  const util::MutexLock lock(mutex_);
-  return session_;
 }
 
 void AckQueue::Clear() {
   const util::MutexLock lock(mutex_);
   ack_event_l_.clear();
   unawaited_count_ = 0;
-  kept_count_ = 0;
-  ++session_;
-  for (Lane& lane : lanes_) lane.cond.Broadcast();
+  for (Waiter* waiter : waiters_) {
+    waiter->ended_ = true;
+    waiter->bell_->Broadcast();
+  }
 }
 
 }  // namespace zeb::mqtt

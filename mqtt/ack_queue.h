@@ -1,10 +1,11 @@
 // The meeting place of the receive thread, which reports what came in, and the requests that wait for it.
 #pragma once
 
-#include <bitset>
 #include <cstdint>
+#include <deque>
 #include <list>
 #include <memory>
+#include <vector>
 
 #include "mqtt/codec/codec.h"
 #include "util/boot_clock.h"
@@ -13,138 +14,115 @@
 
 namespace zeb::mqtt {
 
-/// What three of the acknowledgements tell beyond their type and identifier.
+/// What three of the acknowledgements say beyond their type and identifier.
 struct AckRecords {
   MqttWrapper::ConnectAck connect_ack;                // CONNACK
   MqttWrapper::SubscriptionAck subscription_ack;      // SUBACK
   MqttWrapper::UnsubscriptionAck unsubscription_ack;  // UNSUBACK
 };
 
-/// One inbound packet, as far as a waiting request needs it. Type RESERVED marks the connection's end. Nearly
-/// all of them, one a message and more, are a type and an identifier.
+/// One inbound packet, as far as a waiting request needs it. Nearly every event is a type and an identifier.
 struct AckEvent {
-  MsgType type = MsgType::RESERVED;
+  MsgType type = MsgType::RESERVED;  // RESERVED marks the end of the connection
   uint16_t message_id = 0;
-  std::unique_ptr<AckRecords> records;  // of CONNACK, SUBACK and UNSUBACK; else null
+  std::unique_ptr<AckRecords> records;  // of CONNACK, SUBACK and UNSUBACK; otherwise null
 };
 
-/// Events in order of arrival. Several requests wait at once, each registered with what it awaits: an event
-/// that is not a request's own stays where it is for the others, and is looked at only once by each request,
-/// when it wakes up for its own. Any thread.
+/// One connection's acknowledgements. An awaited one goes straight to its request. Everything else is listed,
+/// so that each request can look at it once, and stays for requests still to come. Any thread.
 class AckQueue {
- public:
-  /// Events that no request can wait for (PUBLISH, say) are kept up to this many,
-  static constexpr size_t k_max_unawaited = 64;
-  /// and all together up to this many beside the answers that requests await; the oldest go first. Of an
-  /// answer that comes more than once only one is awaited.
-  static constexpr size_t k_max_events = 256;
-  /// Who waits does so on a lane, so that one acknowledgement does not wake all. More waiters than lanes only
-  /// wake one another up. The first lane is for those who await nothing of the queue but news.
-  static constexpr size_t k_lanes = 16;
-  static constexpr size_t k_news_lane = 0;
+  struct Entry {
+    uint64_t number;  // ascending in order of arrival
+    util::Moment arrived;
+    AckEvent event;
+  };
+  using Entries = std::list<Entry>;
 
-  /// A request's place in the queue, for as long as the object lives. Register before sending, so that other
-  /// requests leave this one's acknowledgement alone from the start.
+ public:
+  /// Events that no request can wait for (PUBLISH, say) are listed up to this many,
+  static constexpr size_t k_max_unawaited = 64;
+  /// and all events up to this many. The oldest go first.
+  static constexpr size_t k_max_events = 256;
+
+  /// A request's place in the queue, on the stack of the request. It is registered for as long as it lives. A
+  /// request registers before it sends, because its answer may come before the send has returned.
   class Waiter {
    public:
-    /// `message_id` 0 or less accepts any identifier. `queue` must outlive the waiter.
+    /// A `message_id` of 0 or less accepts any identifier. RESERVED awaits nothing: such a waiter only hears
+    /// the news. The queue must outlive the waiter.
     Waiter(AckQueue& queue, MsgType awaited, int message_id);
     ~Waiter();
     Waiter(const Waiter&) = delete;
     Waiter& operator=(const Waiter&) = delete;
-    [[nodiscard]] size_t lane() const { return lane_; }
 
    private:
     friend class AckQueue;
-    [[nodiscard]] bool IsCurrent() const { return session_ == queue_.session_; }
+    friend struct SelfMqttImplPeer;
     [[nodiscard]] bool Awaits(const AckEvent& event) const;
-    AckQueue& queue_;
+
+    AckQueue& queue_;  // its lock guards all that is not constant
     const MsgType awaited_;
     const int message_id_;
-    size_t lane_ = 0;       // the same as long as it lives
-    uint64_t session_ = 0;  // the queue's when it was registered
-    uint64_t seen_ = 0;     // number of the newest event looked at; its own thread's alone
-    uint64_t answer_ = 0;   // number of the event kept for it; 0: none came in
+    util::Condition* bell_;  // borrowed from the queue
+    Entries answer_;         // one at most
+    uint64_t seen_ = 0;      // number of the newest listed event that it has looked at
+    bool news_ = false;      // there is something that a drain wakes up for
+    bool drains_ = false;    // it is in AwaitNews
+    bool ended_ = false;     // Clear has ended it
   };
 
-  /// What a look at the next event told.
   enum class Verdict {
     kNothing,  // no event came in time
-    kMatch,    // the awaited acknowledgement: taken
-    kDropped,  // the awaited type for an identifier that no request awaits: taken
-    kOthers,   // the awaited type for an identifier that another request awaits: left
-    kForeign,  // another type: left
-    kEnd,      // the connection's end: taken
+    kAnswer,   // the awaited acknowledgement
+    kDropped,  // the awaited type, but for an identifier that no request awaits; it has left the list
+    kForeign,  // an event of another type; it stays in the list
+    kEnd,      // the connection has ended
   };
   struct Look {
     Verdict verdict = Verdict::kNothing;
-    MsgType type = MsgType::RESERVED;
-    uint16_t message_id = 0;
-    size_t queued = 0;       // events in the queue afterwards; at kNothing those of other types alone
-    util::Moment arrived{};  // of the event; zero when no request was there yet
+    size_t queued = 0;  // events still there for any request; with kNothing the listed ones of other types
+    util::Moment arrived{};  // of the event; zero when no request was registered then
   };
 
-  /// Appends the event and wakes the request that awaits it; where there is none, every one, since each may
-  /// have to drop it or learn of the end. Events that no request can wait for wake nobody. While lines in
-  /// debug are written every event wakes every request, for each to tell at once what it does with it.
-  /// Properties that no request is waiting for are left out.
+  /// Reports an event. Properties that no request waits for are left out. Events that no request can wait for
+  /// wake nobody, except while lines in debug are written: then each request says what it does with them.
   void Enqueue(AckEvent event);
 
-  /// Takes the next event that this waiter has not seen, waiting for one up to `timeout_us` (0 or more; after
-  /// a time-out it looks once more). On a match the event is moved to `out`.
+  /// Looks at the next event that this waiter has not seen yet, and waits for one up to `timeout_us` (0 or
+  /// more; after a time-out it looks once more). `out` gets the event's type and identifier, and the records
+  /// of an answer.
   Look Dequeue(Waiter& waiter, AckEvent& out, int64_t timeout_us);
 
-  /// Waits up to `timeout_us` for news on the lane beyond `*seen`, and brings `*seen` up to date: an event
-  /// that wakes the lane (the news lane: any that a request could wait for), or TellNews.
-  void AwaitNews(size_t lane, uint64_t* seen, int64_t timeout_us);
-  /// Wakes all who are in AwaitNews.
+  /// Waits up to `timeout_us` for news since the last call: the waiter's answer, an acknowledgement for
+  /// nobody (for one that awaits nothing: any acknowledgement), TellNews, or the end of the connection.
+  /// Returns whether the connection stands.
+  bool AwaitNews(Waiter& waiter, int64_t timeout_us);
+  /// Wakes everyone in AwaitNews.
   void TellNews();
-  /// Count of the lane's news.
-  uint64_t News(size_t lane);
-  /// Changes with every Clear.
-  uint64_t Session();
 
-  /// Forgets every event and begins a new session: for requests of earlier ones, whose identifiers the new
-  /// session gives out again, there is only the end.
+  /// Forgets the listed events and ends the requests that are registered. The end of the connection stays on
+  /// record.
   void Clear();
 
  private:
-  friend struct SelfMqttImplPeer;  // tests look at the queued events through it
+  friend struct SelfMqttImplPeer;  // tests look at the events through it
 
-  struct Entry {
-    uint64_t number;
-    util::Moment arrived;
-    AckEvent event;
-    Waiter* kept_for = nullptr;  // that request's `answer_`: stays however many more come in
-  };
-  using Entries = std::list<Entry>;
+  Waiter* Place(Entries& entry, bool debug);
+  void List(Entries& entry);
+  Look Next(Waiter& waiter, AckEvent& out);
+  Verdict Judge(const Waiter& waiter, const AckEvent& event) const;
+  Look Take(Entries& from, Entries::iterator entry, Verdict verdict, AckEvent& out);
+  bool TakeEnd(const Waiter& waiter);
 
-  using LaneSet = std::bitset<k_lanes>;
-
-  LaneSet LanesToWake(const AckEvent& event, bool debug) const;
-  void Announce(util::MutexLock& lock, LaneSet lanes);
-  void Wake(LaneSet lanes);
-  bool TypeIsAwaited(MsgType type) const;
-  bool IsAwaited(const AckEvent& event) const;
-  void KeepForWaiter(Entry& entry);
-  void Unregister(Waiter& waiter);
-  void DropOldest();
-  Look Judge(Waiter& waiter, Entries::iterator entry, AckEvent& out);
-
-  util::Mutex mutex_;  // guards everything below
-  struct Lane {
-    util::Condition cond;
-    uint64_t news = 0;      // counts the wake-ups
-    int awaiting_news = 0;  // calls of AwaitNews
-  };
-  Lane lanes_[k_lanes];
-  size_t next_lane_ = k_news_lane;
-  Entries ack_event_l_;         // by ascending number
-  uint64_t session_ = 0;        // counts the calls of Clear
-  std::list<Waiter*> waiters_;  // requests in flight
-  uint64_t last_number_ = 0;    // of the newest event
-  size_t unawaited_count_ = 0;  // events that no request can wait for
-  size_t kept_count_ = 0;       // events kept for requests in flight
+  util::Mutex mutex_;             // guards everything below
+  std::vector<Waiter*> waiters_;  // in order of registration
+  Entries ack_event_l_;           // the listed events, by ascending number
+  size_t unawaited_count_ = 0;    // listed events that no request can wait for
+  uint64_t last_number_ = 0;      // of the newest event
+  bool ended_ = false;            // the connection has ended
+  bool end_taken_ = false;        // a request has failed by that
+  std::deque<util::Condition> bells_;
+  std::vector<util::Condition*> free_bells_;  // has room for all of them
 };
 
 }  // namespace zeb::mqtt

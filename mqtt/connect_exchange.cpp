@@ -1,13 +1,11 @@
 // CONNECT: what the application asked for becomes one packet, and its CONNACK is awaited. Runs on the thread
 // that starts the client, while the receive thread is already there to take the answer.
 #include "mqtt/client_log.h"
-#include "mqtt/self_mqtt_impl.h"
+#include "mqtt/request.h"
 
 namespace zeb::mqtt {
 namespace {
 
-constexpr int32_t kMqtt311 = 1;  // ConnectOption::protocol
-constexpr int32_t kMqtt5 = 2;
 constexpr uint8_t kLevelMqtt311 = 4;  // Protocol Level (MQTT 3.1.1, 3.1.2.2)
 constexpr uint8_t kLevelMqtt5 = 5;
 constexpr const char* kConnect =
@@ -34,27 +32,39 @@ uint8_t ConnectFlags(const MqttWrapper::ConnectOption& option) {
   return static_cast<uint8_t>(flags);
 }
 
-uint32_t Low32(int64_t value) { return static_cast<uint32_t>(value & 0xFFFFFFFF); }
 uint16_t Low16(int32_t value) { return static_cast<uint16_t>(value & 0xFFFF); }
+
+// Properties that are sent when they are set: numbers that are not negative and texts that are not empty.
+void Append32(PacketWriter& body, int64_t value, PropertyId id) {
+  if (value >= 0) Codec::AppendProperty(body, static_cast<uint32_t>(value & 0xFFFFFFFF), id);
+}
+void Append16(PacketWriter& body, int32_t value, PropertyId id) {
+  if (value >= 0) Codec::AppendProperty(body, Low16(value), id);
+}
+void AppendFlag(PacketWriter& body, int8_t value, PropertyId id) {
+  if (value >= 0) Codec::AppendProperty(body, value != 0, id);
+}
+void AppendText(PacketWriter& body, std::string& value, PropertyId id) {
+  if (!value.empty()) Codec::AppendProperty(body, value, id);
+}
 
 }  // namespace
 
 Result SelfMqttImpl::Connect(ConnectOption& option, ConnectAck* ack) {
-  {
-    const util::MutexLock lock(send_mutex_);
-    disconnect_called_ = false;
-  }
-  const bool mqtt5 = option.protocol == kMqtt5;
+  return Connect(*lifecycle_.Current(), option, ack);
+}
+
+Result SelfMqttImpl::Connect(Session& session, ConnectOption& option, ConnectAck* ack) {
+  const bool mqtt5 = option.protocol == Session::k_mqtt5;
   if (mqtt5) option.maximum_packet_size = k_max_rx_buf_;  // what the receive buffer holds
-  SetOptions(std::make_shared<const ConnectOption>(option));
   broker_reason_code_ = 0;
-  if (!mqtt5 && option.protocol != kMqtt311) {
+  if (!mqtt5 && option.protocol != Session::k_mqtt311) {
     CLIENT_LOG_AS(kConnect, LOG_ERR, "Unsupported mqtt protocol [%d]", option.protocol);
     return kInvalidArgument;
   }
   if (tx_buf_ == nullptr) return kFailure;
 
-  util::MutexLock body_lock(tx_mutex_);
+  util::MutexLock body_lock(message_id_mutex_);
   PacketWriter body(tx_buf_.get(), static_cast<size_t>(k_max_tx_buf_));
   const uint8_t flags = ConnectFlags(option);
   body.AppendString("MQTT");
@@ -72,7 +82,7 @@ Result SelfMqttImpl::Connect(ConnectOption& option, ConnectAck* ack) {
   if (!option.user_name.empty()) body.AppendString(option.user_name);
   if (!option.password.empty()) body.AppendString(option.password);
   if (!BodyFits("CONNECT", body)) return kInvalidArgument;
-  return SendAndWait(body.end(), body.begin(), MsgType::CONNECT, false, 0, false, -1, ack, &body_lock);
+  return Request{*this, session, MsgType::CONNECT, -1, ack}.Send(body.begin(), body.end(), &body_lock);
 }
 
 void SelfMqttImpl::AppendConnectProperties(PacketWriter& body, ConnectOption& option) {
@@ -85,24 +95,12 @@ void SelfMqttImpl::AppendConnectProperties(PacketWriter& body, ConnectOption& op
                 option.request_response_information, option.request_problem_information);
   LogUserProperties(kConnect, option.user_property);
   const size_t block = body.BeginBlock();
-  if (option.session_expiry_interval >= 0) {
-    AppendProperty(body, Low32(option.session_expiry_interval), PropertyId::kSessionExpiryInterval);
-  }
-  if (option.receive_maximum >= 0) {
-    AppendProperty(body, Low16(option.receive_maximum), PropertyId::kReceiveMaximum);
-  }
-  if (option.maximum_packet_size >= 1) {
-    AppendProperty(body, Low32(option.maximum_packet_size), PropertyId::kMaximumPacketSize);
-  }
-  if (option.topic_alias_maximum >= 0) {
-    AppendProperty(body, Low16(option.topic_alias_maximum), PropertyId::kTopicAliasMaximum);
-  }
-  if (option.request_response_information >= 0) {
-    AppendProperty(body, option.request_response_information != 0, PropertyId::kRequestResponseInformation);
-  }
-  if (option.request_problem_information >= 0) {
-    AppendProperty(body, option.request_problem_information != 0, PropertyId::kRequestProblemInformation);
-  }
+  Append32(body, option.session_expiry_interval, PropertyId::kSessionExpiryInterval);
+  Append16(body, option.receive_maximum, PropertyId::kReceiveMaximum);
+  Append32(body, option.maximum_packet_size, PropertyId::kMaximumPacketSize);
+  Append16(body, option.topic_alias_maximum, PropertyId::kTopicAliasMaximum);
+  AppendFlag(body, option.request_response_information, PropertyId::kRequestResponseInformation);
+  AppendFlag(body, option.request_problem_information, PropertyId::kRequestProblemInformation);
   AppendUserProperties(kConnect, body, option.user_property);
   CLIENT_LOG_AS(kConnect, LOG_DEBUG, "property_length [%u]",
                 static_cast<unsigned int>(body.BlockLength(block)));
@@ -125,21 +123,11 @@ void SelfMqttImpl::AppendWillProperties(PacketWriter& body, MqttWrapper::WillPro
                 static_cast<intmax_t>(properties.message_expiry_interval), properties.content_type.c_str(),
                 properties.response_topic.c_str());
   const size_t block = body.BeginBlock();
-  if (properties.will_delay_interval >= 0) {
-    AppendProperty(body, Low32(properties.will_delay_interval), PropertyId::kWillDelayInterval);
-  }
-  if (properties.payload_format_indicator >= 0) {
-    AppendProperty(body, properties.payload_format_indicator != 0, PropertyId::kPayloadFormatIndicator);
-  }
-  if (properties.message_expiry_interval >= 0) {
-    AppendProperty(body, Low32(properties.message_expiry_interval), PropertyId::kMessageExpiryInterval);
-  }
-  if (!properties.content_type.empty()) {
-    AppendProperty(body, properties.content_type, PropertyId::kContentType);
-  }
-  if (!properties.response_topic.empty()) {
-    AppendProperty(body, properties.response_topic, PropertyId::kResponseTopic);
-  }
+  Append32(body, properties.will_delay_interval, PropertyId::kWillDelayInterval);
+  AppendFlag(body, properties.payload_format_indicator, PropertyId::kPayloadFormatIndicator);
+  Append32(body, properties.message_expiry_interval, PropertyId::kMessageExpiryInterval);
+  AppendText(body, properties.content_type, PropertyId::kContentType);
+  AppendText(body, properties.response_topic, PropertyId::kResponseTopic);
   CLIENT_LOG_AS(kConnect, LOG_DEBUG, "correlation_data length [%zu]", properties.correlation_data.length());
   CLIENT_LOG_AS(kConnect, LOG_DEBUG, "property_length [%u]",
                 static_cast<unsigned int>(body.BlockLength(block)));

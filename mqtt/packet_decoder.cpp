@@ -19,17 +19,26 @@ constexpr int kNoCode = -1;
 
 }  // namespace
 
-// The packet's fields can be read within its own bytes alone, whatever lengths it declares.
-struct SelfMqttImpl::InboundPacket {
-  InboundPacket(const uint8_t* begin, size_t header_bytes, int body_bytes)
-      : body(begin + header_bytes, static_cast<size_t>(body_bytes)),
-        header_length(header_bytes),
-        remaining_length(body_bytes),
-        used(header_bytes + static_cast<size_t>(body_bytes)),
-        type(static_cast<MsgType>(begin[0] >> 4)),
-        qos(begin[0] >> 1 & 3U) {}
+/// One packet being decoded. Its fields can be read within its own bytes alone, whatever lengths it declares.
+struct SelfMqttImpl::Inbound {
+  SelfMqttImpl& client;
+  Session& session;
+  const uint8_t* const begin;
+  const FixedHeader header;
 
-  // Fields that must be there. One that the packet is too short for keeps its default; the position check
+  PacketReader body{begin + header.size, static_cast<size_t>(header.remaining_length)};
+  size_t used = header.size + static_cast<size_t>(header.remaining_length);  // bytes to report as used up
+  const MsgType type = static_cast<MsgType>(begin[0] >> 4);
+  const unsigned int qos = begin[0] >> 1 & 3U;
+  size_t overrun = 0;  // bytes that fields and declared blocks take beyond where `body` stands
+  AckEvent event{type, 0, nullptr};
+
+  /// Does what the packet asks for. Whether the event is to be reported.
+  bool Decode();
+
+ private:
+  std::string Tag() const { return client.Tag(); }
+  // Fields that must be there. One that the packet is too short for keeps its default, and the position check
   // reports it.
   bool ReadByte(uint8_t* value) { return body.ReadByte(value) || Missing(sizeof *value); }
   bool ReadUint16(uint16_t* value) { return body.ReadUint16(value) || Missing(sizeof *value); }
@@ -37,44 +46,55 @@ struct SelfMqttImpl::InboundPacket {
     overrun += length;
     return false;
   }
-
-  // Decodes a property block and moves behind it, at most to the packet's end.
-  void ReadProperties(Properties& properties) {
-    const auto declared =
-        static_cast<size_t>(DecodeProperties(body.position(), body.remaining(), type, properties));
-    overrun += declared > body.remaining() ? declared - body.remaining() : 0;
-    body.Skip(declared);
-  }
-
-  // Warns when the fields do not add up to the remaining length.
-  void CheckPosition() const {
-    if (body.empty() && overrun == 0) return;
-    // Past the packet there is nothing to point to: the line shows a number.
-    const auto position = reinterpret_cast<uintptr_t>(body.position()) + overrun;
-    ZEB_LOG_AS(kDecodePacket, LOG_WARNING, "Target pointer is [%p] but current pointer is [%p]\n",
-               static_cast<const void*>(body.position() + body.remaining()),
-               reinterpret_cast<const void*>(position));  // NOLINT(performance-no-int-to-ptr)
-  }
-
+  void ReadProperties(Properties& properties);
+  void CheckPosition() const;
   // The caller resumes where decoding stopped, not at the packet's end.
-  void StopHere() { used = header_length + body.offset(); }
+  void StopHere() { used = header.size + body.offset(); }
 
-  PacketReader body;
-  size_t header_length;
-  int remaining_length;
-  size_t used;  // bytes to report as used up
-  MsgType type;
-  unsigned int qos;
-  size_t overrun = 0;  // bytes that fields and declared blocks take beyond where `body` stands
+  void DecodeConnack();
+  void DecodePublish();
+  void Answer(MsgType ack, uint16_t message_id, const std::list<PairedString>& list);
+  void Deliver(MqttWrapper::PublishMessage& message);
+  void DecodePubAck();
+  bool DecodePubRel();
+  void DecodeSubAck();
+  bool DecodePingResp();
+  void DecodeDisconnect();
 };
 
+// Decodes a property block and moves behind it, at most to the packet's end.
+void SelfMqttImpl::Inbound::ReadProperties(Properties& properties) {
+  const auto declared =
+      static_cast<size_t>(DecodeProperties(body.position(), body.remaining(), type, properties));
+  overrun += declared > body.remaining() ? declared - body.remaining() : 0;
+  body.Skip(declared);
+}
+
+// Warns when the fields do not add up to the remaining length.
+void SelfMqttImpl::Inbound::CheckPosition() const {
+  if (body.empty() && overrun == 0) return;
+  // Past the packet there is nothing to point to, so the line shows a number.
+  const auto position = reinterpret_cast<uintptr_t>(body.position()) + overrun;
+  ZEB_LOG_AS(kDecodePacket, LOG_WARNING, "Target pointer is [%p] but current pointer is [%p]\n",
+             static_cast<const void*>(body.position() + body.remaining()),
+             reinterpret_cast<const void*>(position));  // NOLINT(performance-no-int-to-ptr)
+}
+
 int SelfMqttImpl::DecodePackets(const uint8_t* buf, size_t len) {
+  return DecodePackets(*lifecycle_.Current(), buf, len);
+}
+
+int SelfMqttImpl::DecodePacket(const uint8_t* buf, size_t len) {
+  return DecodePacket(*lifecycle_.Current(), buf, len);
+}
+
+int SelfMqttImpl::DecodePackets(Session& session, const uint8_t* buf, size_t len) {
   auto left = static_cast<ssize_t>(len);
   if (left <= 0) return 0;
   int offset = 0;
   // After a stop nothing more is decoded: the session is over.
-  while (left > 0 && !stop_requested_) {
-    const int used = DecodePacket(buf + offset, static_cast<size_t>(left));
+  while (left > 0 && !session.stop_asked()) {
+    const int used = DecodePacket(session, buf + offset, static_cast<size_t>(left));
     if (used <= 0) break;
     left -= used;
     offset += used;
@@ -82,7 +102,7 @@ int SelfMqttImpl::DecodePackets(const uint8_t* buf, size_t len) {
   return offset;
 }
 
-int SelfMqttImpl::DecodePacket(const uint8_t* buf, size_t len) {
+int SelfMqttImpl::DecodePacket(Session& session, const uint8_t* buf, size_t len) {
   if (buf == nullptr) return -1;
   if (len < kMinPacket) return 0;
   const FixedHeader header = DecodeFixedHeader(buf, len);
@@ -92,105 +112,101 @@ int SelfMqttImpl::DecodePacket(const uint8_t* buf, size_t len) {
                   static_cast<const void*>(buf), static_cast<ssize_t>(len));
     return 0;
   }
-  InboundPacket packet(buf, header.size, header.remaining_length);
+  Inbound packet{*this, session, buf, header};
   CLIENT_LOG_AS(kDecodePacket, LOG_DEBUG, "%s remain_len %d qos %u\n",
-                MqttWrapper::GetMsgTypeInStr(packet.type).c_str(), packet.remaining_length, packet.qos);
+                MqttWrapper::GetMsgTypeInStr(packet.type).c_str(), header.remaining_length, packet.qos);
   if (packet.type == MsgType::RESERVED) {
     CLIENT_LOG_AS(kDecodePacket, LOG_ERR, "Serious parsing error\n");
     return 0;
   }
-  AckEvent event;
-  event.type = packet.type;
-  if (DecodeByType(packet, event)) ack_event_q_.Enqueue(std::move(event));
+  if (packet.Decode()) session.ack_event_q_.Enqueue(std::move(packet.event));
   return static_cast<int>(packet.used);
 }
 
-// Whether the event is to be reported.
-bool SelfMqttImpl::DecodeByType(InboundPacket& packet, AckEvent& event) {
-  switch (packet.type) {
+bool SelfMqttImpl::Inbound::Decode() {
+  switch (type) {
     case MsgType::CONNACK:
-      return DecodeConnack(packet, event);
+      DecodeConnack();
+      break;
     case MsgType::PUBLISH:
-      DecodePublish(packet);
-      return true;
+      DecodePublish();
+      return true;  // it may have stopped short of the end
     case MsgType::PUBACK:
     case MsgType::PUBREC:
     case MsgType::PUBCOMP:
-      DecodePubAck(packet, event);
-      packet.CheckPosition();
-      return true;
+      DecodePubAck();
+      break;
     case MsgType::PUBREL:
-      return DecodePubRel(packet, event);
+      return DecodePubRel();
     case MsgType::SUBACK:
     case MsgType::UNSUBACK:
-      return DecodeSubAck(packet, event);
+      DecodeSubAck();
+      break;
     case MsgType::PINGRESP:
-      return DecodePingResp(packet);
+      return DecodePingResp();
     case MsgType::DISCONNECT:
-      return IsMqtt5() ? DecodeDisconnect(packet) : true;
+      if (session.mqtt5()) DecodeDisconnect();
+      return !session.mqtt5();
     default:
       return true;  // nothing that a client is sent: reported by its type alone
   }
+  CheckPosition();
+  return true;
 }
 
-bool SelfMqttImpl::DecodeConnack(InboundPacket& packet, AckEvent& event) const {
-  const auto option = Options();
+void SelfMqttImpl::Inbound::DecodeConnack() {
   uint8_t flags = 0;
   uint8_t code = 0;
   event.records = std::make_unique<AckRecords>();
   ConnectAck& ack = event.records->connect_ack;
-  if (packet.ReadByte(&flags) && packet.ReadByte(&code)) {
+  if (ReadByte(&flags) && ReadByte(&code)) {
     ack.session_present = (flags & 1) != 0;
     ack.reason_code = code;
     CLIENT_LOG_AS(
         kDecodePacket, LOG_DEBUG,
         "connect_acknowledge_flags 0x%x return_code %d[%s] session_present [%d] clean_session [%d]\n", flags,
         code, MqttWrapper::GetConnectReturnCodeInStr(static_cast<int>(code)).c_str(), flags & 1,
-        option->clean_session ? 1 : 0);
-    if (option->protocol == k_mqtt5) packet.ReadProperties(ack.properties);
+        session.option_->clean_session ? 1 : 0);
+    if (session.mqtt5()) ReadProperties(ack.properties);
   }
-  packet.CheckPosition();
-  return true;
 }
 
 // Identifier, and under MQTT 5.0 a reason code and properties that nobody asks for.
-void SelfMqttImpl::DecodePubAck(InboundPacket& packet, AckEvent& event) const {
-  if (!packet.ReadUint16(&event.message_id)) return;
+void SelfMqttImpl::Inbound::DecodePubAck() {
+  if (!ReadUint16(&event.message_id)) return;
   uint8_t reason_code = 0;
-  if (!IsMqtt5() || !packet.body.ReadByte(&reason_code)) return;  // it may be left out
-  ZEB_LOG_AS(kDecodePacket, LOG_DEBUG, "msg_type [%d] reason_code [%x]\n", static_cast<int>(packet.type),
+  if (!session.mqtt5() || !body.ReadByte(&reason_code)) return;  // it may be left out
+  ZEB_LOG_AS(kDecodePacket, LOG_DEBUG, "msg_type [%d] reason_code [%x]\n", static_cast<int>(type),
              reason_code);
   Properties unused;
-  if (!packet.body.empty()) packet.ReadProperties(unused);
+  if (!body.empty()) ReadProperties(unused);
 }
 
-bool SelfMqttImpl::DecodePubRel(InboundPacket& packet, AckEvent& event) {
-  DecodePubAck(packet, event);
-  const bool known = inbound_.Release(event.message_id);
+bool SelfMqttImpl::Inbound::DecodePubRel() {
+  DecodePubAck();
+  const bool known = client.inbound_.Release(event.message_id);
   if (known) {
-    auto user_property = AckUserProperties(pubcomp_user_property_);
-    // The broker sends PUBREL again if this does not reach it.
-    (void)PublishResponse(MsgType::PUBCOMP, event.message_id, 0, user_property);
+    Answer(MsgType::PUBCOMP, event.message_id, client.pubcomp_user_property_);
   } else {
     for (const int priority : {LOG_WARNING, LOG_ERR}) {
       ZEB_LOG_AS(kDecodePacket, priority, "Cannot find message_id [%u] in recv_publish_msg_l\n",
                  static_cast<unsigned int>(event.message_id));
     }
   }
-  packet.CheckPosition();
+  CheckPosition();
   return !known;
 }
 
-bool SelfMqttImpl::DecodeSubAck(InboundPacket& packet, AckEvent& event) const {
-  const bool mqtt5 = IsMqtt5();
-  const bool suback = packet.type == MsgType::SUBACK;
+void SelfMqttImpl::Inbound::DecodeSubAck() {
+  const bool mqtt5 = session.mqtt5();
+  const bool suback = type == MsgType::SUBACK;
   int code = kNoCode;
   event.records = std::make_unique<AckRecords>();
   auto& [connect_ack, subscription_ack, unsubscription_ack] = *event.records;
-  if (packet.ReadUint16(&event.message_id)) {
-    if (mqtt5) packet.ReadProperties(suback ? subscription_ack.properties : unsubscription_ack.properties);
+  if (ReadUint16(&event.message_id)) {
+    if (mqtt5) ReadProperties(suback ? subscription_ack.properties : unsubscription_ack.properties);
     uint8_t first = 0;
-    if ((suback || mqtt5) && packet.ReadByte(&first)) code = first;
+    if ((suback || mqtt5) && ReadByte(&first)) code = first;
   }
   CLIENT_LOG_AS(kDecodePacket, LOG_DEBUG, "message_id %u payload 0x%x\n",
                 static_cast<unsigned int>(event.message_id), static_cast<unsigned int>(code));
@@ -201,79 +217,75 @@ bool SelfMqttImpl::DecodeSubAck(InboundPacket& packet, AckEvent& event) const {
     unsubscription_ack.message_id = event.message_id;
     if (code != kNoCode) unsubscription_ack.reason_code = code;
   }
-  packet.CheckPosition();
-  return true;
 }
 
-bool SelfMqttImpl::DecodePingResp(InboundPacket& packet) {
-  RecordPong();
-  packet.StopHere();
-  return ping_wait_;
+bool SelfMqttImpl::Inbound::DecodePingResp() {
+  StopHere();
+  const util::MutexLock lock(session.send_mutex_);
+  session.ping_.Received(util::BootTimeUs());
+  return session.ping_.waits();
 }
 
-bool SelfMqttImpl::DecodeDisconnect(InboundPacket& packet) {
+void SelfMqttImpl::Inbound::DecodeDisconnect() {
   uint8_t reason = 0;  // an absent one means normal disconnection (MQTT 5.0, 3.14.2.1)
-  packet.body.ReadByte(&reason);
+  body.ReadByte(&reason);
   CLIENT_LOG_AS(kDecodePacket, LOG_DEBUG, "disconnect_reason_code 0x%x remain_len %d \n ", reason,
-                packet.remaining_length);
+                header.remaining_length);
   if (reason != 0) {
-    broker_reason_code_ = reason;
-    EndSession(kNetworkFailure);
+    client.broker_reason_code_ = reason;
+    client.EndSession(session, k_network_failure);
     CLIENT_LOG_AS(kDecodePacket, LOG_ERR, "DISCONNECT received from broker, reason_cause: %d\n", reason);
   }
   Properties unused;
-  if (!packet.body.empty()) packet.ReadProperties(unused);
-  packet.CheckPosition();
-  return false;
+  if (!body.empty()) ReadProperties(unused);
+  CheckPosition();
 }
 
-void SelfMqttImpl::DecodePublish(InboundPacket& packet) {
-  PublishMessage message;
+void SelfMqttImpl::Inbound::DecodePublish() {
+  MqttWrapper::PublishMessage message;
   uint16_t topic_length = 0;
-  if (!packet.body.ReadUint16(&topic_length) || !packet.body.ReadBytes(topic_length, &message.topic)) {
+  if (!body.ReadUint16(&topic_length) || !body.ReadBytes(topic_length, &message.topic)) {
     CLIENT_LOG_AS(kDecodePacket, LOG_ERR, "");
-    packet.StopHere();
+    StopHere();
     return;
   }
-  CLIENT_LOG_AS(kDecodePacket, LOG_DEBUG, "RECEIVED PUBLISH [%s] qos [%u]\n", message.topic.c_str(),
-                packet.qos);
-  if (packet.qos != 0) {
-    if (!packet.body.ReadUint16(&message.message_id)) {
+  CLIENT_LOG_AS(kDecodePacket, LOG_DEBUG, "RECEIVED PUBLISH [%s] qos [%u]\n", message.topic.c_str(), qos);
+  if (qos != 0) {
+    if (!body.ReadUint16(&message.message_id)) {
       CLIENT_LOG_AS(kDecodePacket, LOG_ERR, "");
-      packet.StopHere();
+      StopHere();
       return;
     }
     CLIENT_LOG_AS(kDecodePacket, LOG_DEBUG, "RECEIVED message_id  [%u]\n",
                   static_cast<unsigned int>(message.message_id));
-    AnswerPublish(packet, message);
+    if (qos == 1) {
+      Answer(MsgType::PUBACK, message.message_id, client.puback_user_property_);
+    } else {
+      Answer(MsgType::PUBREC, message.message_id, client.pubrec_user_property_);
+    }
+    if (qos == 2) client.inbound_.Add(message.message_id, util::BootTimeUs());
   }
-  if (IsMqtt5()) {
+  if (session.mqtt5()) {
     Properties unused;
-    packet.ReadProperties(unused);
+    ReadProperties(unused);
   }
-  packet.body.ReadBytes(packet.body.remaining(), &message.payload);
-  DeliverMessage(message);
+  body.ReadBytes(body.remaining(), &message.payload);
+  Deliver(message);
 }
 
-// The acknowledgement goes out before the application sees the message. A send that fails is not looked at:
-// the broker sends the message again.
-void SelfMqttImpl::AnswerPublish(const InboundPacket& packet, const PublishMessage& message) {
-  if (packet.qos == 1) {
-    auto user_property = AckUserProperties(puback_user_property_);
-    (void)PublishResponse(MsgType::PUBACK, message.message_id, 0, user_property);
-    return;
-  }
-  auto user_property = AckUserProperties(pubrec_user_property_);
-  (void)PublishResponse(MsgType::PUBREC, message.message_id, 0, user_property);
-  if (packet.qos == 2) inbound_.Add(message.message_id, util::BootTimeUs());
+// A failure to send is not looked at: the broker sends its packet again. An answer to PUBLISH goes out before
+// the application sees the message.
+void SelfMqttImpl::Inbound::Answer(MsgType ack, uint16_t message_id, const std::list<PairedString>& list) {
+  std::list<PairedString> user_property = client.AckUserProperties(list);
+  (void)client.PublishResponse(session, ack, message_id, 0, user_property);
 }
 
-void SelfMqttImpl::DeliverMessage(PublishMessage& message) {
-  const auto option = Options();
-  if (!option->message_cb) return;
-  message.wrapper = wrapper_;
+void SelfMqttImpl::Inbound::Deliver(MqttWrapper::PublishMessage& message) {
+  const auto& message_cb = session.option_->message_cb;
+  if (!message_cb) return;
+  message.wrapper = client.wrapper_;
   try {
-    option->message_cb(message);
+    message_cb(message);
   } catch (const std::exception& error) {
     CLIENT_LOG_AS(kDecodePacket, LOG_ERR, "message_cb threw [%s]", error.what());
   } catch (...) {

@@ -3,11 +3,14 @@
 #include <new>
 
 #include "mqtt/client_log.h"
-#include "mqtt/self_mqtt_impl.h"
+#include "mqtt/request.h"
 
 namespace zeb::mqtt {
 namespace {
 
+constexpr char kPublishResponse[] =
+    "zeb::Result zeb::mqtt::SelfMqttImpl::PublishResponse(zeb::mqtt::MsgType, uint16_t, uint8_t, "
+    "std::__cxx11::list<zeb::mqtt::MqttWrapper::PairedString>&)";
 constexpr uint8_t kMaxQos = 2;
 constexpr int kNoMessageId = -1;
 constexpr uint8_t kPubRelQos = 1;  // the flags that MQTT fixes for PUBREL
@@ -35,12 +38,13 @@ Result SelfMqttImpl::Publish(MqttWrapper::PublishOption& option) {
     option.qos = kMaxQos;
   }
   if (tx_buf_ == nullptr) return kFailure;
-  util::MutexLock body_lock(tx_mutex_);
+  const std::shared_ptr<Session> session = lifecycle_.Current();
+  util::MutexLock body_lock(message_id_mutex_);
   PacketWriter body(tx_buf_.get(), static_cast<size_t>(k_max_tx_buf_));
   body.AppendString(option.topic);
-  const int message_id = option.qos == 0 ? kNoMessageId : NextMessageId();
+  const int message_id = option.qos == 0 ? kNoMessageId : NextMessageId(*session);
   if (option.qos != 0) body.AppendUint16(static_cast<uint16_t>(message_id));
-  if (IsMqtt5()) body.AppendVbi(0);  // no property is ever sent
+  if (session->mqtt5()) body.AppendVbi(0);  // no property is ever sent
   if (option.payload.size() > static_cast<size_t>(max_publish_)) {
     CLIENT_LOG(LOG_DEBUG, "max_publish buffer [%d] , requested buffer [%d]", max_publish_,
                static_cast<int>(option.payload.size()));
@@ -59,28 +63,32 @@ Result SelfMqttImpl::Publish(MqttWrapper::PublishOption& option) {
   }
   CLIENT_LOG(LOG_DEBUG, "topic [%s] qos %d retain %d duplicated %d message_id [%d]", option.topic.c_str(),
              option.qos, option.retain ? 1 : 0, option.duplicated ? 1 : 0, message_id);
-  // A restart in the middle of the handshake must not see PUBREL: the identifier is another session's by
-  // then.
-  const uint64_t session = ack_event_q_.Session();
-  const Result result = SendAndWait(body.end(), body.begin(), MsgType::PUBLISH, option.retain, option.qos,
-                                    option.duplicated, message_id, nullptr, &body_lock, session);
+  Request request{*this,   *session,      MsgType::PUBLISH, message_id,
+                  nullptr, option.retain, option.qos,       option.duplicated};
+  const Result result = request.Send(body.begin(), body.end(), &body_lock);
   if (result != kSuccess || option.qos != 2) return result;
   std::list<PairedString> no_property;
-  return PublishResponse(MsgType::PUBREL, static_cast<uint16_t>(message_id), 0, no_property, session);
+  return PublishResponse(*session, MsgType::PUBREL, static_cast<uint16_t>(message_id), 0, no_property);
 }
 
 Result SelfMqttImpl::PublishResponse(MsgType type, uint16_t message_id, uint8_t reason_code,
-                                     std::list<PairedString>& user_property, uint64_t session) {
+                                     std::list<PairedString>& user_property) {
+  return PublishResponse(*lifecycle_.Current(), type, message_id, reason_code, user_property);
+}
+
+Result SelfMqttImpl::PublishResponse(Session& session, MsgType type, uint16_t message_id, uint8_t reason_code,
+                                     std::list<PairedString>& user_property) {
   if (type < MsgType::PUBACK || type > MsgType::PUBCOMP) return kFailure;
-  const bool mqtt5 = IsMqtt5();
+  const bool mqtt5 = session.mqtt5();
   const size_t capacity = AckCapacity(user_property, mqtt5);
   if (capacity > static_cast<size_t>(k_max_tx_buf_)) {
-    CLIENT_LOG(LOG_ERR, "user properties of [%zu] bytes do not fit an acknowledgement", capacity);
+    CLIENT_LOG_AS(kPublishResponse, LOG_ERR, "user properties of [%zu] bytes do not fit an acknowledgement",
+                  capacity);
     return kFailure;
   }
   const std::unique_ptr<uint8_t[]> buffer(new (std::nothrow) uint8_t[capacity]);
   if (buffer == nullptr) {
-    CLIENT_LOG(LOG_ERR, "Cannot alloc acknowledgement of [%zu] bytes", capacity);
+    CLIENT_LOG_AS(kPublishResponse, LOG_ERR, "Cannot alloc acknowledgement of [%zu] bytes", capacity);
     return kFailure;
   }
   PacketWriter body(buffer.get(), capacity);
@@ -89,15 +97,17 @@ Result SelfMqttImpl::PublishResponse(MsgType type, uint16_t message_id, uint8_t 
     body.AppendByte(reason_code);
     const size_t block = body.BeginBlock();
     for (PairedString& pair : user_property) AppendProperty(body, pair, PropertyId::kUserProperty);
-    CLIENT_LOG(LOG_DEBUG, "property_length [%u]", static_cast<unsigned int>(body.BlockLength(block)));
+    CLIENT_LOG_AS(kPublishResponse, LOG_DEBUG, "property_length [%u]",
+                  static_cast<unsigned int>(body.BlockLength(block)));
     body.EndBlock(block);
   }
   if (!body.fits()) {
-    CLIENT_LOG(LOG_ERR, "a user property is longer than [%zu] bytes", PacketWriter::k_max_string);
+    CLIENT_LOG_AS(kPublishResponse, LOG_ERR, "a user property is longer than [%zu] bytes",
+                  PacketWriter::k_max_string);
     return kFailure;
   }
-  return SendAndWait(body.end(), body.begin(), type, false, type == MsgType::PUBREL ? kPubRelQos : 0, false,
-                     message_id, nullptr, nullptr, session);
+  const uint8_t qos = type == MsgType::PUBREL ? kPubRelQos : 0;
+  return Request{*this, session, type, message_id, nullptr, false, qos}.Send(body.begin(), body.end());
 }
 
 }  // namespace zeb::mqtt

@@ -20,25 +20,25 @@ std::string WakeLockName(const void* client) {
 }  // namespace
 
 SelfMqttImpl::SelfMqttImpl(MqttWrapper* wrapper)
-    : tx_buf_(util::MapZeroedPages(static_cast<size_t>(k_max_tx_buf_))),
+    : wrapper_(wrapper),
       wake_lock_name_(WakeLockName(this)),
-      wrapper_(wrapper),
-      option_(std::make_shared<const ConnectOption>()) {
+      tx_buf_(util::MapZeroedPages(static_cast<size_t>(k_max_tx_buf_))) {
   if (tx_buf_ == nullptr) CLIENT_LOG(LOG_DEBUG, "Cannot alloc tx_buf_");
 }
 
 SelfMqttImpl::~SelfMqttImpl() { Shutdown(); }
 
 void SelfMqttImpl::Shutdown() {
-  WaitForStart();          // it may be on its way out after disconnect_cb was called
-  (void)WaitForStop(-1);   // without a limit it has no other outcome
-  (void)StopRecvThread();  // kNotStarted: nothing to end
+  lifecycle_.Close();
+  (void)StopRecvThread();       // kNotStarted: nothing to end,
+  lifecycle_.AwaitThreadEnd();  // but a stop inside message_cb leaves its thread to be joined
+  lifecycle_.EndStop();
 }
 
 MqttWrapper::StatusInfo SelfMqttImpl::GetStatusInfo() const {
   MqttWrapper::StatusInfo info;
   info.status = status_;
-  if (IsMqtt5()) {
+  if (lifecycle_.Current()->mqtt5()) {
     info.reason_code = broker_reason_code_;
   } else {
     info.dis_reason = dis_reason_;
@@ -78,33 +78,16 @@ void SelfMqttImpl::SetTag(const std::string& tag) {
   tag_ = tag;
 }
 
-std::shared_ptr<const SelfMqttImpl::ConnectOption> SelfMqttImpl::Options() const {
-  const util::MutexLock lock(option_mutex_);
-  return option_;
-}
-
-void SelfMqttImpl::SetOptions(std::shared_ptr<const ConnectOption> option) {
-  util::MutexLock lock(option_mutex_);
-  option_.swap(option);
-  lock.Unlock();  // the application's callables may be destroyed with the old options: not under a lock
-}
-
 std::list<MqttWrapper::PairedString> SelfMqttImpl::AckUserProperties(
     const std::list<PairedString>& list) const {
   const util::MutexLock lock(option_mutex_);
   return list;
 }
 
-std::shared_ptr<util::SocketClient> SelfMqttImpl::SharedSocket() const {
-  const util::MutexLock lock(socket_mutex_);
-  return socket_client_;
-}
-
-int SelfMqttImpl::NextMessageId() {
+int SelfMqttImpl::NextMessageId(Session& session) {
   constexpr int32_t k_last_message_id = 65535;
-  const util::MutexLock lock(message_id_mutex_);
-  message_id_ = message_id_ < k_last_message_id ? message_id_ + 1 : 1;
-  return message_id_;
+  session.message_id_ = session.message_id_ < k_last_message_id ? session.message_id_ + 1 : 1;
+  return session.message_id_;
 }
 
 void SelfMqttImpl::LogUserProperties(const char* function,

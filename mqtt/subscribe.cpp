@@ -1,6 +1,6 @@
 // SUBSCRIBE and UNSUBSCRIBE. Application threads.
 #include "mqtt/client_log.h"
-#include "mqtt/self_mqtt_impl.h"
+#include "mqtt/request.h"
 
 namespace zeb::mqtt {
 namespace {
@@ -20,19 +20,20 @@ constexpr size_t kFilterOverhead = 3;  // bytes: length and options
 
 Result SelfMqttImpl::Subscribe(MqttWrapper::SubscribeOption& option, MqttWrapper::SubscriptionAck* ack) {
   if (tx_buf_ == nullptr) return kFailure;
-  util::MutexLock body_lock(tx_mutex_);
+  const std::shared_ptr<Session> session = lifecycle_.Current();
+  util::MutexLock body_lock(message_id_mutex_);
   PacketWriter body(tx_buf_.get(), static_cast<size_t>(k_max_tx_buf_));
-  const int message_id = NextMessageId();
+  const int message_id = NextMessageId(*session);
   body.AppendUint16(static_cast<uint16_t>(message_id));
-  if (IsMqtt5()) {
+  if (session->mqtt5()) {
     const Result result = AppendSubscribeProperties(body, option);
     if (result != kSuccess) return result;
   }
   const Result result = AppendFilters(body, option);
   if (result != kSuccess) return result;
   if (!BodyFits("SUBSCRIBE", body)) return kInvalidArgument;
-  return SendAndWait(body.end(), body.begin(), MsgType::SUBSCRIBE, false, kFixedQos, false, message_id, ack,
-                     &body_lock);
+  Request request{*this, *session, MsgType::SUBSCRIBE, message_id, ack, false, kFixedQos};
+  return request.Send(body.begin(), body.end(), &body_lock);
 }
 
 Result SelfMqttImpl::AppendSubscribeProperties(PacketWriter& body, MqttWrapper::SubscribeOption& option) {
@@ -82,11 +83,12 @@ Result SelfMqttImpl::AppendFilters(PacketWriter& body, MqttWrapper::SubscribeOpt
 Result SelfMqttImpl::Unsubscribe(MqttWrapper::UnsubscribeOption& option,
                                  MqttWrapper::UnsubscriptionAck* ack) {
   if (tx_buf_ == nullptr) return kFailure;
-  util::MutexLock body_lock(tx_mutex_);
+  const std::shared_ptr<Session> session = lifecycle_.Current();
+  util::MutexLock body_lock(message_id_mutex_);
   PacketWriter body(tx_buf_.get(), static_cast<size_t>(k_max_tx_buf_));
-  const int message_id = NextMessageId();
+  const int message_id = NextMessageId(*session);
   body.AppendUint16(static_cast<uint16_t>(message_id));
-  if (IsMqtt5()) {
+  if (session->mqtt5()) {
     CLIENT_LOG_AS(kUnsubscribe, LOG_DEBUG, "UNSUBSCRIBE PROPERTIES");
     LogUserProperties(kUnsubscribe, option.user_property);
     const size_t block = body.BeginBlock();
@@ -95,8 +97,8 @@ Result SelfMqttImpl::Unsubscribe(MqttWrapper::UnsubscribeOption& option,
   }
   for (const std::string& filter : option.topics) body.AppendString(filter);
   if (!BodyFits("UNSUBSCRIBE", body)) return kInvalidArgument;
-  return SendAndWait(body.end(), body.begin(), MsgType::UNSUBSCRIBE, false, kFixedQos, false, message_id, ack,
-                     &body_lock);
+  Request request{*this, *session, MsgType::UNSUBSCRIBE, message_id, ack, false, kFixedQos};
+  return request.Send(body.begin(), body.end(), &body_lock);
 }
 
 }  // namespace zeb::mqtt

@@ -19,6 +19,9 @@ class Codec {
   using PairedString = MqttWrapper::PairedString;
   using Properties = MqttWrapper::Properties;
 
+  static constexpr unsigned int k_max_vbi_bytes = 4;  // of a variable byte integer that is read
+  static constexpr uint8_t k_more_bytes_follow = 0x80;
+
   // ---- wire_primitives.cpp. Each works in place and returns the bytes that it wrote or consumed.
   static int EncodeVbi(unsigned char* buf, unsigned int value);
   static int EncodeFixedHeader(unsigned char* buf, unsigned int remaining_length, MsgType type, bool retain,
@@ -43,7 +46,19 @@ class Codec {
     }
   };
   /// `available` is 2 or more: no packet is shorter.
-  static FixedHeader DecodeFixedHeader(const uint8_t* buf, size_t available);
+  static FixedHeader DecodeFixedHeader(const uint8_t* buf, size_t available) {
+    FixedHeader header;
+    const int length_bytes =
+        DecodeVbi(buf + 1, static_cast<unsigned int>(available - 1), header.remaining_length);
+    header.size = 1 + static_cast<size_t>(length_bytes);
+    header.whole = (buf[length_bytes] & k_more_bytes_follow) == 0 || header.size > k_max_vbi_bytes;
+    return header;
+  }
+
+  /// The acknowledgement that a request of this type and QoS calls for; RESERVED: none.
+  static MsgType AckOf(MsgType request, uint8_t qos);
+  /// Whether a packet of this type is an acknowledgement that a client may wait for.
+  static bool IsAck(MsgType type);
 
   // ---- property_codec.cpp: MQTT 5.0 properties (2.2.2).
   /// Each writes one property at `buf` and returns the bytes written; a null `buf` gives -1 (the pair: 0).

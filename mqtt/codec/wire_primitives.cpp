@@ -7,9 +7,17 @@
 namespace zeb::mqtt {
 namespace {
 
-constexpr unsigned int kMaxVbiBytes = 4;
 constexpr size_t kMaxEncodedVbi = 5;  // a value past four bytes is written all the same
-constexpr uint8_t kMoreBytesFollow = 0x80;
+
+// Requests and their acknowledgements.
+constexpr struct {
+  MsgType request;
+  int qos;  // of a PUBLISH; otherwise -1
+  MsgType ack;
+} kAcks[] = {{MsgType::PUBLISH, 1, MsgType::PUBACK},    {MsgType::PUBLISH, 2, MsgType::PUBREC},
+             {MsgType::PUBREL, -1, MsgType::PUBCOMP},   {MsgType::SUBSCRIBE, -1, MsgType::SUBACK},
+             {MsgType::PINGREQ, -1, MsgType::PINGRESP}, {MsgType::UNSUBSCRIBE, -1, MsgType::UNSUBACK},
+             {MsgType::CONNECT, -1, MsgType::CONNACK}};
 
 }  // namespace
 
@@ -34,10 +42,10 @@ int Codec::EncodeString(unsigned char* buf, const std::string& text) {
 
 int Codec::DecodeVbi(const unsigned char* buf, unsigned int available, int& value) {
   value = 0;
-  const unsigned int bytes = std::min(available, kMaxVbiBytes);
+  const unsigned int bytes = std::min(available, k_max_vbi_bytes);
   for (unsigned int i = 0; i < bytes; ++i) {
     value |= (buf[i] & 0x7F) << (7 * i);
-    if ((buf[i] & kMoreBytesFollow) == 0) return static_cast<int>(i + 1);
+    if ((buf[i] & k_more_bytes_follow) == 0) return static_cast<int>(i + 1);
   }
   return static_cast<int>(bytes);
 }
@@ -56,14 +64,16 @@ int Codec::DecodePairedString(const unsigned char* buf, size_t available, Paired
   return static_cast<int>(reader.offset());
 }
 
-Codec::FixedHeader Codec::DecodeFixedHeader(const uint8_t* buf, size_t available) {
-  FixedHeader header;
-  const int length_bytes =
-      DecodeVbi(buf + 1, static_cast<unsigned int>(available - 1), header.remaining_length);
-  header.size = 1 + static_cast<size_t>(length_bytes);
-  header.whole =
-      (buf[length_bytes] & kMoreBytesFollow) == 0 || length_bytes == static_cast<int>(kMaxVbiBytes);
-  return header;
+MsgType Codec::AckOf(MsgType request, uint8_t qos) {
+  for (const auto& each : kAcks)
+    if (each.request == request && (each.qos < 0 || each.qos == qos)) return each.ack;
+  return MsgType::RESERVED;
+}
+
+bool Codec::IsAck(MsgType type) {
+  for (const auto& each : kAcks)
+    if (each.ack == type) return true;
+  return false;
 }
 
 // A length that does not even end with its fourth byte counts as five bytes long.
@@ -71,7 +81,7 @@ int Codec::GetPacketLength(const unsigned char* buf, unsigned int available) {
   if (available < 2) return 0;
   const FixedHeader header = DecodeFixedHeader(buf, available);
   if (!header.whole) return 0;
-  const bool endless = (buf[header.size - 1] & kMoreBytesFollow) != 0;
+  const bool endless = (buf[header.size - 1] & k_more_bytes_follow) != 0;
   return static_cast<int>(header.size) + (endless ? 1 : 0) + header.remaining_length;
 }
 

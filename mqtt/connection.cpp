@@ -12,7 +12,8 @@
 namespace zeb::mqtt {
 namespace {
 
-constexpr size_t kMaxClientId = 128;  // bytes
+constexpr size_t kMaxClientId = 128;   // bytes
+constexpr int32_t kMaxTimeout = 2147;  // seconds; more microseconds do not fit 32 bits
 constexpr int64_t kUsPerSecond = 1'000'000;
 constexpr char kStartClient[] =
     "zeb::Result zeb::mqtt::SelfMqttImpl::StartClient(zeb::mqtt::MqttWrapper::ConnectOption&, "
@@ -27,7 +28,7 @@ struct SelfMqttImpl::Start {
   Start(SelfMqttImpl& of_client, ConnectOption& with_option)
       : client(of_client),
         option(with_option),
-        timeout_sec(std::clamp(option.timeout, -1, k_max_timeout)),
+        timeout_sec(std::clamp(option.timeout, -1, kMaxTimeout)),
         deadline_us(util::MonotonicUs() + timeout_sec * kUsPerSecond) {}
 
   /// The steps up to the receive thread.
@@ -68,7 +69,7 @@ Result SelfMqttImpl::StartClient(ConnectOption& option, ConnectAck* ack) {
     CLIENT_LOG_AS(kStartClient, LOG_ERR, "Invald client_id [%s]", option.client_id.c_str());
     return kInvalidArgument;
   }
-  if (!lifecycle_.BeginStart(std::clamp(option.timeout, 0, k_max_timeout) * kUsPerSecond)) {
+  if (!lifecycle_.BeginStart(std::clamp(option.timeout, 0, kMaxTimeout) * kUsPerSecond)) {
     CLIENT_LOG_AS(kStartClient, LOG_ERR, "event_fd [%d] already created", lifecycle_.Current()->EventFd());
     return kAlreadyStarted;
   }

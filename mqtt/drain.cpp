@@ -10,6 +10,7 @@
 #include <cerrno>
 
 #include "mqtt/client_log.h"
+#include "mqtt/recv_loop.h"
 #include "mqtt/request.h"
 #include "util/boot_clock.h"
 
@@ -105,12 +106,12 @@ void SelfMqttImpl::LogDrained(int64_t start_us) const {
 }
 
 // The loop's share of the drain, on every pass. An empty queue completes every packet at once.
-void SelfMqttImpl::PollPendingDrains(Session& session) const {
+void SelfMqttImpl::RecvLoop::PollPendingDrains() {
   auto& pending = session.pending_drains_;
   if (pending.empty()) return;
-  const QueueLook look = LookAtSendQueue(session, nullptr);
+  const QueueLook look = client.LookAtSendQueue(session, nullptr);
   if (look == QueueLook::kEmpty)
-    for (const int64_t start_us : pending) LogDrained(start_us);
+    for (const int64_t start_us : pending) client.LogDrained(start_us);
   if (look != QueueLook::kUnsent) pending.clear();
   const int64_t given_up_us = util::BootTimeUs() - session.timeout_us();
   for (; !pending.empty() && pending.front() <= given_up_us; pending.pop_front())

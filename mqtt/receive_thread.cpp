@@ -185,14 +185,14 @@ bool SelfMqttImpl::RecvLoop::Pass() {
     }
   }
   if (client.Pong(session) != kSuccess) {
-    client.EndSession(session, k_keep_alive_failure);
+    client.EndSession(session, k_ping_failure);
     return false;
   }
   CheckOverdue();
   if (n > 0) Dispatch(events.data(), n);
   // Bytes that TLS has already decrypted do not wake epoll.
   while (session.keep_thread_ && socket->HasPending()) ReceiveAvailable();
-  client.PollPendingDrains(session);
+  PollPendingDrains();
   return true;
 }
 
@@ -261,7 +261,7 @@ bool SelfMqttImpl::RecvLoop::HandleTimer() {
   lock.Unlock();
   if (client.Ping(session, false) != kFailure || session.StopOnItsWay()) return true;
   CLIENT_LOG_AS(kRecvThread, LOG_ERR, "Cannot send PINGREQ");
-  client.EndSession(session, k_keep_alive_failure);
+  client.EndSession(session, k_ping_failure);
   return false;
 }
 

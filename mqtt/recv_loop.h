@@ -53,6 +53,9 @@ struct SelfMqttImpl::RecvLoop {
   bool HandleControl();
   bool HandleTimer();
 
+  // ---- drain.cpp
+  void PollPendingDrains();
+
   // ---- keep_alive.cpp
   void RearmTimer(const epoll_event* events, int n);
 

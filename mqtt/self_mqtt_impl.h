@@ -1,10 +1,6 @@
 // The client behind one MqttWrapper: its operations, one source an operation, and whatever outlives its
-// connections.
-//
-// Three kinds of thread meet here: application threads (public operations), the client's own receive thread
-// (decoding, keep-alive, both callbacks) and the platform's network thread (EventCb). docs/architecture.md
-// has the objects, the states and the order of the locks. No lock is held over a callback or a wait for the
-// network, except that a Ping holds its Session's `ping_mutex_`.
+// connections. Application threads, the client's own receive thread and the platform's network thread meet
+// here. docs/architecture.md has the objects, the states and the order of the locks.
 #pragma once
 
 #include <atomic>
@@ -24,8 +20,7 @@
 
 namespace zeb::mqtt {
 
-/// An operation without a Session among its arguments acts on the current one, to which it holds a reference
-/// until it returns.
+/// An operation without a Session among its arguments acts on the current one.
 class SelfMqttImpl : public Codec {
  public:
   using ConnectOption = MqttWrapper::ConnectOption;
@@ -37,8 +32,7 @@ class SelfMqttImpl : public Codec {
   ~SelfMqttImpl();
   SelfMqttImpl(const SelfMqttImpl&) = delete;
   SelfMqttImpl& operator=(const SelfMqttImpl&) = delete;
-  /// Waits for every StartClient and StopClient on other threads and ends the receive thread, without
-  /// DISCONNECT.
+  /// Waits for every StartClient and StopClient and ends the receive thread, without DISCONNECT.
   void Shutdown();
   MqttWrapper::StatusInfo GetStatusInfo() const;
   Result SetPubAckUserProperties(std::list<PairedString>& user_property);
@@ -94,9 +88,7 @@ class SelfMqttImpl : public Codec {
 
   // StatusInfo::status and StatusInfo::dis_reason.
   static constexpr int32_t k_idle = 0, k_socket_connected = 1, k_session_established = 2, k_disconnected = 3;
-  static constexpr int32_t k_no_reason = 0, k_peer_closed = 1, k_network_failure = 2,
-                           k_keep_alive_failure = 3;
-  static constexpr int32_t k_max_timeout = 2147;  // seconds; more microseconds do not fit 32 bits
+  static constexpr int32_t k_no_reason = 0, k_peer_closed = 1, k_network_failure = 2, k_ping_failure = 3;
 
   // ---- self_mqtt_impl.cpp
   std::string Tag() const noexcept;  // empty also when there is no memory for the copy
@@ -110,11 +102,10 @@ class SelfMqttImpl : public Codec {
   /// Whether the body may be sent. Logs why not.
   bool BodyFits(const char* request, const PacketWriter& body) const;
 
-  // ---- rendezvous.cpp
+  // ---- drain.cpp
   enum class QueueLook { kEmpty, kUnsent, kFailed };
   QueueLook LookAtSendQueue(Session& session, uint64_t* number) const;
   void LogDrained(int64_t start_us) const;
-  void PollPendingDrains(Session& session) const;
 
   // ---- connect_exchange.cpp
   Result Connect(Session& session, ConnectOption& option, ConnectAck* ack);
@@ -130,8 +121,7 @@ class SelfMqttImpl : public Codec {
   Result StartRecvThread(const std::shared_ptr<Session>& session);
   Result StopRecvThread(Session& session);
   void RecvThread(const std::shared_ptr<Session>& session);  // the thread's body
-  /// Ends the session for a reason other than a stop.
-  void EndSession(Session& session, int32_t dis_reason);
+  void EndSession(Session& session, int32_t dis_reason);     // for a reason other than a stop
 
   // ---- keep_alive.cpp
   Result Ping(Session& session, bool wait);

@@ -48,7 +48,9 @@ Result SelfMqttImpl::SendAndWait(const uint8_t* end, const uint8_t* begin, MsgTy
 }
 
 Result SelfMqttImpl::Request::Send(const uint8_t* begin, const uint8_t* end, util::MutexLock* body_lock) {
-  if (const Result refused = CheckSendable(); refused != kSuccess) return refused;
+  socket = session.Socket();
+  if (socket == nullptr) return kNotConnected;
+  if (client.status_ == k_disconnected) return kFailure;
   const auto remaining_length = end - begin;
   if (remaining_length > kMaxRemainingLength) {
     CLIENT_LOG_AS(k_send_and_wait, LOG_DEBUG, "remain_len must be equal or less than [%d]",
@@ -59,46 +61,52 @@ Result SelfMqttImpl::Request::Send(const uint8_t* begin, const uint8_t* end, uti
   uint8_t header[kMaxFixedHeader];
   const auto header_size = static_cast<size_t>(
       EncodeFixedHeader(header, static_cast<unsigned int>(remaining_length), type, retain, qos, dup));
-  const std::unique_ptr<uint8_t[]> packet(new (std::nothrow) uint8_t[header_size + body_size]);
+  const size_t size = header_size + body_size;
+  const std::unique_ptr<uint8_t[]> packet(new (std::nothrow) uint8_t[size]);
   if (packet == nullptr) {
-    CLIENT_LOG_AS(k_send_and_wait, LOG_ERR, "Cannot alloc packet of [%zu] bytes", header_size + body_size);
+    CLIENT_LOG_AS(k_send_and_wait, LOG_ERR, "Cannot alloc packet of [%zu] bytes", size);
     return kFailure;
   }
   std::memcpy(packet.get(), header, header_size);
   if (body_size != 0) std::memcpy(packet.get() + header_size, begin, body_size);
   if (body_lock != nullptr) body_lock->Unlock();
 
+  if (!Admit()) return kFailure;
   if (awaited != MsgType::RESERVED) waiter.emplace(session.ack_event_q_, awaited, message_id);
-  Result result = Write(packet.get(), header_size + body_size, body_size);
+  start_us = util::BootTimeUs();
+  CLIENT_LOG_AS(k_send_and_wait, LOG_DEBUG, "Before send %s message size [%d] p_len [%d]",
+                NameOf(type).c_str(), static_cast<int>(size), static_cast<int>(body_size));
+  Result result = Write(packet.get(), size);
   if (result == kSuccess) result = Drain();
   return result == kSuccess && awaited != MsgType::RESERVED ? AwaitAnswer() : result;
 }
 
-Result SelfMqttImpl::Request::CheckSendable() {
-  socket = session.Socket();
-  if (socket == nullptr) return kNotConnected;
-  if (client.status_ == k_disconnected) return kFailure;
+// Nothing goes out before CONNECT (MQTT 5.0, 3.1) or after DISCONNECT (3.14.4). What these two and PINGREQ
+// mean for the session is on record before the write, because the answer may come before the write returns.
+bool SelfMqttImpl::Request::Admit() {
+  PingWatch::Judgement earlier_ping;
   util::MutexLock lock(session.send_mutex_);
   const bool ended = session.disconnect_called_;
-  // Nothing may go out before CONNECT (MQTT 5.0, 3.1). While its write is still to return, an answer on the
-  // receive thread proves that it has left.
+  // While CONNECT's write is still to return, an answer on the receive thread proves that it has left.
   const bool begun =
       session.connect_sent_ || type == MsgType::CONNECT || (session.connect_begun_ && receiving);
+  const bool admitted = begun && !ended;
   if (type != MsgType::PINGREQ || session.ping_.waits()) awaited = AckOf(type, qos);
+  if (admitted && type == MsgType::CONNECT) session.connect_begun_ = true;
+  if (admitted && type == MsgType::DISCONNECT) session.disconnect_called_ = true;
+  if (admitted && type == MsgType::PINGREQ)
+    earlier_ping = session.ping_.Sending(util::BootTimeUs(), session.timeout_us());
   lock.Unlock();
+  (void)client.LogJudgement(earlier_ping, session);  // Pong ends the session for a late one
   if (ended) {
     CLIENT_LOG_AS(k_send_and_wait, LOG_ERR, "Disconnect already called");
   } else if (!begun) {
     CLIENT_LOG_AS(k_send_and_wait, LOG_ERR, "CONNECT is not sent yet");
   }
-  return begun && !ended ? kSuccess : kFailure;
+  return admitted;
 }
 
-Result SelfMqttImpl::Request::Write(const uint8_t* packet, size_t size, size_t body_size) {
-  RecordBeforeWrite();
-  start_us = util::BootTimeUs();
-  CLIENT_LOG_AS(k_send_and_wait, LOG_DEBUG, "Before send %s message size [%d] p_len [%d]",
-                NameOf(type).c_str(), static_cast<int>(size), static_cast<int>(body_size));
+Result SelfMqttImpl::Request::Write(const uint8_t* packet, size_t size) {
   const ssize_t sent = WriteToSocket(packet, size);
   if (sent != static_cast<ssize_t>(size)) {
     CLIENT_LOG_AS(k_send_and_wait, LOG_ERR, "Cannot send data requested [%d] sent [%zd]",
@@ -111,19 +119,6 @@ Result SelfMqttImpl::Request::Write(const uint8_t* packet, size_t size, size_t b
     session.connect_sent_ = true;
   }
   return kSuccess;
-}
-
-// The answer may come before the write returns, so these are on record first, even if the write fails.
-void SelfMqttImpl::Request::RecordBeforeWrite() {
-  if (type != MsgType::PINGREQ && type != MsgType::CONNECT && type != MsgType::DISCONNECT) return;
-  PingWatch::Judgement answer;
-  {
-    const util::MutexLock lock(session.send_mutex_);
-    if (type == MsgType::PINGREQ) answer = session.ping_.Sending(util::BootTimeUs(), session.timeout_us());
-    if (type == MsgType::CONNECT) session.connect_begun_ = true;
-    if (type == MsgType::DISCONNECT) session.disconnect_called_ = true;
-  }
-  (void)client.LogJudgement(answer, session);  // Pong ends the session for a late one
 }
 
 // A broker that sends but does not read must not hold the receive thread for one time-out a packet. After the

@@ -41,9 +41,8 @@ struct SelfMqttImpl::Request {
 
  private:
   std::string Tag() const { return client.Tag(); }
-  Result CheckSendable();
-  void RecordBeforeWrite();
-  Result Write(const uint8_t* packet, size_t size, size_t body_size);
+  bool Admit();
+  Result Write(const uint8_t* packet, size_t size);
   ssize_t WriteToSocket(const uint8_t* packet, size_t size);
   Result Drain();
   bool AwaitEmptyQueue(QueueLook& look);

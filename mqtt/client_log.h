@@ -1,5 +1,5 @@
-// Binds the log line to a client: while the client has a tag, it stands in brackets before the body. For
-// members of SelfMqttImpl. Any thread.
+// The log line of a client, with the client's tag in brackets before the body. For functions that have a
+// Tag(). Any thread.
 #pragma once
 
 #include <string>

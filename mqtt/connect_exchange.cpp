@@ -1,5 +1,5 @@
-// CONNECT: what the application asked for becomes one packet, and its CONNACK is awaited. Runs on the thread
-// that starts the client, while the receive thread is already there to take the answer.
+// Builds CONNECT from the application's options and waits for its CONNACK. It runs on the thread that starts
+// the client, while the receive thread already takes the answer.
 #include "mqtt/client_log.h"
 #include "mqtt/request.h"
 
@@ -34,7 +34,7 @@ uint8_t ConnectFlags(const MqttWrapper::ConnectOption& option) {
 
 uint16_t Low16(int32_t value) { return static_cast<uint16_t>(value & 0xFFFF); }
 
-// Properties that are sent when they are set: numbers that are not negative and texts that are not empty.
+// These properties are sent when they are set: numbers from 0 on, and texts that are not empty.
 void Append32(PacketWriter& body, int64_t value, PropertyId id) {
   if (value >= 0) Codec::AppendProperty(body, static_cast<uint32_t>(value & 0xFFFFFFFF), id);
 }

@@ -1,5 +1,5 @@
-// From a stopped client to an established session: checks, addresses, TLS, socket, receive thread, CONNECT.
-// Runs on the thread that calls StartClient.
+// Takes a stopped client to an established session: checks, addresses, TLS, socket, receive thread, CONNECT.
+// It runs on the thread that calls StartClient.
 #include <algorithm>
 #include <utility>
 #include <vector>
@@ -98,7 +98,7 @@ Result SelfMqttImpl::Start::Connect() {
   return result;
 }
 
-// False when there is none of the family.
+// Returns false if there is no address of the family.
 bool SelfMqttImpl::Start::Use(std::vector<std::string> candidates, Domain family) {
   if (candidates.empty()) return false;
   addresses = std::move(candidates);

@@ -1,5 +1,5 @@
-// DISCONNECT, the stop sequence, and the network's loss. Disconnect and StopClient run on application
-// threads, StopClient also inside message_cb; EventCb runs on the platform's network thread.
+// DISCONNECT, the stop sequence, and the loss of the network. Disconnect and StopClient run on application
+// threads, and StopClient inside message_cb, too. EventCb runs on the platform's network thread.
 #include <new>
 
 #include "mqtt/client_log.h"
@@ -39,7 +39,7 @@ Result SelfMqttImpl::Disconnect(Session& session, DisconnectOption* option) {
   return kSuccess;
 }
 
-// Normal disconnection without properties is what an empty body means (MQTT 5.0, 3.14.2.1).
+// An empty body means normal disconnection without properties (MQTT 5.0, 3.14.2.1).
 void SelfMqttImpl::BuildDisconnect(PacketWriter& body, DisconnectOption& option) {
   CLIENT_LOG_AS(kDisconnect, LOG_DEBUG, "DISCONNECT reason code is %d", option.reason_code);
   const PacketWriter empty = body;
@@ -76,7 +76,7 @@ Result SelfMqttImpl::StopClient(DisconnectOption* option) {
   return FinishStop(lifecycle_.BeginStop(), option);
 }
 
-// Does what BeginStop has left to the caller.
+// Does what BeginStop or BeginStopOf has left to its caller.
 Result SelfMqttImpl::FinishStop(Lifecycle::Stop stop, DisconnectOption* option) {
   const std::shared_ptr<Session> session = lifecycle_.Current();  // the owner's stays the current one
   const auto socket = session->Socket();
@@ -104,7 +104,7 @@ Result SelfMqttImpl::FinishStop(Lifecycle::Stop stop, DisconnectOption* option) 
   return result;
 }
 
-// A DISCONNECT that cannot be sent, for want of memory for instance, does not hold up the stop.
+// The stop goes on if DISCONNECT cannot be sent, even if there is no memory for it.
 void SelfMqttImpl::SayGoodbye(Session& session, DisconnectOption* option) {
   CLIENT_LOG_AS(kStopClient, LOG_DEBUG, "Before call StopClient");
   Result result = kFailure;

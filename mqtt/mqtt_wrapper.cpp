@@ -1,4 +1,4 @@
-// The facade forwards to the client behind it; and the names of MQTT's codes. Any thread.
+// The facade, which forwards to the client behind it, and the names of MQTT's codes. Any thread.
 #include "mqtt/mqtt_wrapper.h"
 
 #include <array>

@@ -1,5 +1,5 @@
-// Decodes inbound packets: reports acknowledgements, answers the broker's QoS handshakes, delivers messages.
-// Runs on the receive thread only.
+// Decodes inbound packets, reports acknowledgements, answers the broker's QoS handshakes and delivers
+// messages. All of it runs on the receive thread.
 #include <exception>
 #include <utility>
 
@@ -33,7 +33,7 @@ struct SelfMqttImpl::Inbound {
   size_t overrun = 0;  // bytes that fields and declared blocks take beyond where `body` stands
   AckEvent event{type, 0, nullptr};
 
-  /// Does what the packet asks for. Whether the event is to be reported.
+  /// Does what the packet asks for. Returns whether the event is to be reported.
   bool Decode();
 
  private:
@@ -273,8 +273,8 @@ void SelfMqttImpl::Inbound::DecodePublish() {
   Deliver(message);
 }
 
-// A failure to send is not looked at: the broker sends its packet again. An answer to PUBLISH goes out before
-// the application sees the message.
+// A failure to send is ignored, because the broker sends its packet again. The answer to a PUBLISH goes out
+// before the application sees the message.
 void SelfMqttImpl::Inbound::Answer(MsgType ack, uint16_t message_id, const std::list<PairedString>& list) {
   std::list<PairedString> user_property = client.AckUserProperties(list);
   (void)client.PublishResponse(session, ack, message_id, 0, user_property);

@@ -1,5 +1,5 @@
-// PUBLISH and the four publish acknowledgements. Publish runs on application threads; PublishResponse also on
-// the receive thread, which is why every acknowledgement is built in a buffer of its own.
+// PUBLISH and the four publish acknowledgements. Publish runs on application threads. PublishResponse runs on
+// the receive thread, too, so every acknowledgement is built in a buffer of its own.
 #include <new>
 
 #include "mqtt/client_log.h"
@@ -15,7 +15,7 @@ constexpr uint8_t kMaxQos = 2;
 constexpr int kNoMessageId = -1;
 constexpr uint8_t kPubRelQos = 1;  // the flags that MQTT fixes for PUBREL
 
-// Room that an acknowledgement needs before its property block is moved up.
+// The bytes that an acknowledgement needs before its property block moves up behind its length.
 size_t AckCapacity(const std::list<MqttWrapper::PairedString>& user_property, bool mqtt5) {
   constexpr size_t k_message_id = 2;
   constexpr size_t k_reason_code = 1;

@@ -124,8 +124,8 @@ bool SelfMqttImpl::RecvLoop::SetUp() {
   return true;
 }
 
-// The alarm clock wakes the device from suspend; where that right is missing the same clock without it
-// serves.
+// The alarm clock wakes the device from suspend. A process without that right uses the same clock without the
+// alarm.
 bool SelfMqttImpl::RecvLoop::CreateTimer() {
   for (const int clock : {CLOCK_BOOTTIME_ALARM, CLOCK_BOOTTIME}) {
     timer = util::ScopedFd(::timerfd_create(clock, TFD_NONBLOCK | TFD_CLOEXEC));
@@ -196,7 +196,7 @@ bool SelfMqttImpl::RecvLoop::Pass() {
   return true;
 }
 
-// Leaves errno as epoll_wait set it.
+// Returns with errno as epoll_wait has set it.
 int SelfMqttImpl::RecvLoop::WaitForEvents(epoll_event* events) {
   if (wake_lock_held && psm::PsmManager::WakeUnlock(client.wake_lock_name_)) wake_lock_held = false;
   int limit_ms = session.timeout_sec_ * kMsPerSecond;
@@ -254,7 +254,8 @@ bool SelfMqttImpl::RecvLoop::HandleControl() {
 
 bool SelfMqttImpl::RecvLoop::HandleTimer() {
   uint64_t expiries = 0;
-  // A re-arm after the expiry was reported takes it back: something was sent, and no ping is due.
+  // There is nothing to read if the timer was set again after its expiry: something was sent, and no ping is
+  // due.
   if (::read(timer.get(), &expiries, sizeof expiries) < 0) return true;
   util::MutexLock lock(session.send_mutex_);
   if (!session.connect_sent_) return true;  // a slow start: there is nothing to keep alive yet

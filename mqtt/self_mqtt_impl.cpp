@@ -1,4 +1,4 @@
-// Life of the client object, its settings and its snapshots. Any thread.
+// Creates and destroys the client, and keeps its settings. Any thread.
 #include "mqtt/self_mqtt_impl.h"
 
 #include <cstdio>

@@ -28,7 +28,7 @@ class Codec {
                                unsigned char qos, bool duplicate);
   static int EncodeString(unsigned char* buf, const std::string& text);
   static int DecodeVbi(const unsigned char* buf, unsigned int available, int& value);
-  /// The decoders never read past `available`. A field that is not there whole moves nothing and returns 0.
+  /// The decoders never read past `available`. They return 0 for a field that is not there as a whole.
   static int DecodeString(const unsigned char* buf, size_t available, std::string& text);
   static int DecodePairedString(const unsigned char* buf, size_t available, PairedString& pair);
   /// Total length of the packet at `buf`; 0 when its length field does not end within `available`.
@@ -40,7 +40,7 @@ class Codec {
     int remaining_length = 0;
     bool whole = false;  // whether the length field ends within these bytes
 
-    /// Whether the packet is there to its end when `available` bytes are.
+    /// Whether the whole packet is there, given the number of bytes at its front.
     [[nodiscard]] bool CompleteWithin(size_t available) const {
       return whole && static_cast<size_t>(remaining_length) <= available - size;
     }
@@ -61,13 +61,14 @@ class Codec {
   static bool IsAck(MsgType type);
 
   // ---- property_codec.cpp: MQTT 5.0 properties (2.2.2).
-  /// Each writes one property at `buf` and returns the bytes written; a null `buf` gives -1 (the pair: 0).
+  /// Each writes one property at `buf` and returns the bytes written. A null `buf` gives -1 (for the pair:
+  /// 0).
   static int EncodeProperty(uint8_t* buf, PairedString& pair, uint8_t identifier);
   static int EncodeProperty(uint8_t* buf, uint32_t value, uint8_t identifier);
   static int EncodeProperty(uint8_t* buf, uint16_t value, uint8_t identifier);
   static int EncodeProperty(uint8_t* buf, bool value, uint8_t identifier);
   static int EncodeProperty(uint8_t* buf, std::string& value, uint8_t identifier);
-  /// The same through a writer, which refuses what does not fit.
+  /// These write through a writer, which refuses what does not fit.
   static void AppendProperty(PacketWriter& body, PairedString& pair, PropertyId identifier);
   static void AppendProperty(PacketWriter& body, uint32_t value, PropertyId identifier);
   static void AppendProperty(PacketWriter& body, uint16_t value, PropertyId identifier);

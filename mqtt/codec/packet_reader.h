@@ -8,8 +8,8 @@
 
 namespace zeb::mqtt {
 
-/// Reads from a buffer that it does not own and never past its end. A read that fails moves nothing and
-/// leaves its output alone.
+/// Reads from a buffer that it does not own, and never past its end. A read that fails does not move the
+/// cursor and leaves its output alone.
 class PacketReader {
  public:
   PacketReader(const uint8_t* begin, size_t length) : begin_(begin), length_(length) {}

@@ -8,8 +8,8 @@
 
 namespace zeb::mqtt {
 
-/// Appends to a buffer that it does not own. Past the end nothing is written any more, but counting goes on,
-/// so that size() tells what would have been needed. Ask fits() once, at the end.
+/// Appends to a buffer that it does not own. Past the end it writes nothing but goes on counting, so that
+/// size() tells how much room would have been needed. Callers ask fits() once, at the end.
 class PacketWriter {
  public:
   static constexpr size_t k_max_string = 65535;
@@ -22,12 +22,12 @@ class PacketWriter {
   [[nodiscard]] uint8_t* end() const { return begin_ + size_; }
   /// Bytes written, or needed.
   [[nodiscard]] size_t size() const { return size_; }
-  /// Whether everything appended stands in the buffer and on the wire's terms.
+  /// Whether everything fits the buffer, and every string its two-byte length.
   [[nodiscard]] bool fits() const { return size_ <= capacity_ && !string_too_long_; }
-  /// Whether a string was appended whose length the wire cannot tell.
+  /// Whether a string is longer than its two-byte length can say.
   [[nodiscard]] bool string_too_long() const { return string_too_long_; }
 
-  /// Takes `length` bytes for the caller to fill; null when they are not there.
+  /// Takes `length` bytes for the caller to fill. Null if there is no room.
   uint8_t* Reserve(size_t length) {
     const size_t place = size_;
     size_ = length > SIZE_MAX - size_ ? SIZE_MAX : size_ + length;
@@ -69,8 +69,8 @@ class PacketWriter {
     AppendBytes(data.data(), data.size());
   }
 
-  /// Two-byte length and text (MQTT 5.0, 1.5.4). Text ends at its first NUL, which the wire does not allow:
-  /// the rest of its length is sent as zeros.
+  /// Two-byte length and text (MQTT 5.0, 1.5.4). MQTT does not allow NUL in text: the bytes from the first
+  /// NUL on are sent as zeros.
   void AppendString(const std::string& text) {
     AppendLength(text.size());
     uint8_t* place = Reserve(text.size());
@@ -80,11 +80,11 @@ class PacketWriter {
     std::memset(place + copied, 0, text.size() - copied);
   }
 
-  /// Refuses the body when the text's length does not fit its two bytes.
+  /// Refuses the body if the text is longer than its two-byte length can say.
   void CheckString(const std::string& text) { CheckLength(text.size()); }
 
-  /// Begins a block whose length is written in front of it once it is known: leaves room for the longest
-  /// length and returns its place, for EndBlock.
+  /// Begins a block whose length will stand in front of it. Leaves room for the longest length and returns
+  /// the place, for EndBlock.
   size_t BeginBlock() {
     const size_t place = size_;
     Reserve(k_max_vbi);
@@ -94,8 +94,8 @@ class PacketWriter {
   /// Length of the block begun at `place`, so far.
   [[nodiscard]] size_t BlockLength(size_t place) const { return size_ - place - k_max_vbi; }
 
-  /// Writes the block's length at `place` and moves the block up behind it. Does nothing once the buffer was
-  /// exceeded.
+  /// Writes the block's length at `place` and moves the block up behind it. Does nothing if the buffer has
+  /// been exceeded.
   void EndBlock(size_t place) {
     if (size_ > capacity_) return;
     const size_t length = BlockLength(place);

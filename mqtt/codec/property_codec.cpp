@@ -1,4 +1,4 @@
-// MQTT 5.0 properties: one at a time into a packet, a whole block out of one. No state, any thread.
+// MQTT 5.0 properties: writes them one by one and reads them as a block.
 #include <algorithm>
 #include <utility>
 
@@ -24,7 +24,7 @@ constexpr size_t kStringLength = 2;  // bytes
 
 using Properties = MqttWrapper::Properties;
 
-// Which field an identifier fills, by the form of its value.
+// The tables below say which field an identifier fills, one table for each form of value.
 template <typename Field>
 struct PropertyField {
   PropertyId identifier;
@@ -73,8 +73,8 @@ bool DecodeUserProperty(PacketReader& block, uint8_t identifier, Properties& pro
   return true;
 }
 
-// Reads the value behind the identifier; false when it does not end within the block. An identifier that is
-// not known is taken as having no value.
+// Reads the value behind the identifier. Returns false if the value does not end within the block. An unknown
+// identifier is taken to have no value.
 bool DecodeValue(PacketReader& block, uint8_t identifier, Properties& properties) {
   if (auto four = Find(kFourByteFields, identifier)) {
     uint32_t value = 0;
@@ -165,8 +165,8 @@ int Codec::EncodeProperty(uint8_t* buf, std::string& value, uint8_t identifier) 
   return length;
 }
 
-// The writer gives a place only to what fits: past the end EncodeProperty gets none and writes nothing. A
-// string that the wire cannot tell is left to the writer alone, which then refuses the whole body.
+// The writer has no place for what does not fit, and EncodeProperty then writes nothing. The writer also
+// notes a string that is too long for its two-byte length and refuses the whole body.
 void Codec::AppendProperty(PacketWriter& body, PairedString& pair, PropertyId identifier) {
   if (pair.key.empty() || pair.val.empty()) return;
   body.CheckString(pair.key);

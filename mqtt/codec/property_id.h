@@ -5,7 +5,7 @@
 
 namespace zeb::mqtt {
 
-/// The values are those on the wire; all are below 0x80, one byte each.
+/// The values are those on the wire. All are below 0x80, so each takes one byte.
 enum class PropertyId : uint8_t {
   kPayloadFormatIndicator = 0x01,
   kMessageExpiryInterval = 0x02,

@@ -11,7 +11,7 @@ constexpr size_t kMessageSize = 8;  // of a control message, in bytes
 
 }  // namespace
 
-Session::Session() : Session(std::make_shared<const ConnectOption>(), 0, nullptr, nullptr) {}
+Session::Session() : Session(std::make_shared<ConnectOption>(), 0, nullptr, nullptr) {}
 
 Session::Session(std::shared_ptr<const ConnectOption> option, int32_t timeout_sec,
                  std::shared_ptr<util::SocketClient> socket, std::shared_ptr<util::SslWrapper> ssl)

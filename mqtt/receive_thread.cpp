@@ -184,7 +184,7 @@ bool SelfMqttImpl::RecvLoop::Pass() {
       return false;
     }
   }
-  if (client.Pong(session) != kSuccess) {
+  if (client.Pong(session) != kSuccess && !session.StopOnItsWay()) {
     client.EndSession(session, k_ping_failure);
     return false;
   }

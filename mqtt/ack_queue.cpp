@@ -29,6 +29,8 @@ AckQueue::Waiter::~Waiter() {
   auto& waiters = queue_.waiters_;
   waiters.erase(std::find(waiters.begin(), waiters.end(), this));
   queue_.free_bells_.push_back(bell_);
+  if (queue_.ended_ && !queue_.end_taken_)  // others may have left the end to this one
+    for (Waiter* waiter : waiters) waiter->bell_->Broadcast();
   if (answer_.empty()) return;
   if (Waiter* const owner = queue_.Place(answer_, false)) owner->bell_->Broadcast();
 }
@@ -160,7 +162,7 @@ AckQueue::Look AckQueue::Take(Entries& from, Entries::iterator entry, Verdict ve
 bool AckQueue::TakeEnd(const Waiter& waiter) {
   if (!ended_ || end_taken_) return false;
   const bool start_waits = std::any_of(waiters_.begin(), waiters_.end(), [](const Waiter* each) {
-    return each->awaited_ == MsgType::CONNACK && !each->ended_;
+    return each->awaited_ == MsgType::CONNACK && each->answer_.empty() && !each->ended_;
   });
   end_taken_ = !start_waits || waiter.awaited_ == MsgType::CONNACK;
   return end_taken_;
@@ -192,6 +194,7 @@ void AckQueue::Clear() {
   unawaited_count_ = 0;
   for (Waiter* waiter : waiters_) {
     waiter->ended_ = true;
+    waiter->answer_.clear();
     waiter->bell_->Broadcast();
   }
 }

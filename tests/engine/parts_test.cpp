@@ -112,13 +112,16 @@ void ExpectNews(AckQueue& queue, Waiter& waiter, bool news) {
   EXPECT_EQ(util::MonotonicUs() - start_us < patience_us, news);
 }
 
-/// What the requests of a script find. P, R and M: a PUBACK, PUBREC or message with an identifier comes in;
+/// What the requests of a script find. P, R, M and S: a PUBACK, PUBREC, message or CONNACK comes in;
 /// E0: the connection ends; C0: the queue is cleared; T0: the send queue is empty. a to d register for a
 /// PUBACK, s for CONNACK, n for nothing. ?a: a looks; +a: there are news for it; ~a: there are none; -a: it
 /// gives up.
 std::string Play(const std::string& script) {
-  const std::map<char, MsgType> types{
-      {'R', MsgType::PUBREC}, {'M', MsgType::PUBLISH}, {'s', MsgType::CONNACK}, {'n', MsgType::RESERVED}};
+  const std::map<char, MsgType> types{{'R', MsgType::PUBREC},
+                                      {'M', MsgType::PUBLISH},
+                                      {'S', MsgType::CONNACK},
+                                      {'s', MsgType::CONNACK},
+                                      {'n', MsgType::RESERVED}};
   AckQueue queue;
   std::map<char, Waiter> waiters;
   std::string found;
@@ -127,7 +130,7 @@ std::string Play(const std::string& script) {
     const char what = word[0];
     const int id = word[1] - '0';
     const MsgType type = types.count(what) != 0 ? types.at(what) : MsgType::PUBACK;
-    if (what == 'P' || what == 'R' || what == 'M') Enqueue(queue, type, id, id);
+    if (std::string("PRMS").find(what) != std::string::npos) Enqueue(queue, type, id, id);
     if (what == 'E') queue.Enqueue({});
     if (what == 'C') queue.Clear();
     if (what == 'T') queue.TellNews();
@@ -149,6 +152,7 @@ TEST(AckQueue, HandsEachEventToWhoeverAwaitsItFirst) {
       {"left behind, it is listed in its place", "a1 P1 R2 -a b1 ?b", "A1"},
       {"one takes the end", "a1 b2 P2 E0 ?b ?b ?a", "A2E."},
       {"a start takes it first", "a1 s0 E0 ?a ?s ?a", ".E."},
+      {"unless it has its answer", "a1 s0 S0 E0 ?a ?s", "EA0"},
       {"the end outlives a clear, which ends who is there", "a1 b2 s0 R3 P1 E0 C0 c2 P2 ?a ?b ?s ?c ?c",
        "EEEA2E"},
       {"news of one's answer", "a1 b2 n0 P1 +a ~b +n ~a ~n", ""},

@@ -77,7 +77,8 @@ MqttWrapper::~MqttWrapper() {
 }
 
 Result MqttWrapper::StartClient(ConnectOption& option, ConnectAck* ack) {
-  (void)SetConnectOption(option);  // cannot fail
+  const Lifecycle::Call inside = impl_->Enter();  // before the options are copied, which may take a while
+  (void)SetConnectOption(option);                 // cannot fail
   return impl_->StartClient(option, ack);
 }
 

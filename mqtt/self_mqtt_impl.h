@@ -34,15 +34,15 @@ class SelfMqttImpl : public Codec {
   SelfMqttImpl& operator=(const SelfMqttImpl&) = delete;
   /// Waits for every StartClient and StopClient and ends the receive thread, without DISCONNECT.
   void Shutdown();
+  Lifecycle::Call Enter() { return Lifecycle::Call(lifecycle_); }  // Shutdown waits while it lives
   MqttWrapper::StatusInfo GetStatusInfo() const;
   Result SetPubAckUserProperties(std::list<PairedString>& user_property);
   Result SetPubRecUserProperties(std::list<PairedString>& user_property);
   Result SetPubCompUserProperties(std::list<PairedString>& user_property);
 
   // ---- packet_decoder.cpp: inbound packets. Receive thread.
-  /// Decodes the complete packets at the front of `buf`; returns the bytes used up.
+  /// Each returns the bytes used up of `buf`, 0 if its packet is incomplete or refused, and -1 if it is null.
   int DecodePackets(const uint8_t* buf, size_t len);
-  /// Decodes one packet. 0: it is incomplete, or of a type that is refused. -1: `buf` is null.
   int DecodePacket(const uint8_t* buf, size_t len);
 
   // ---- rendezvous.cpp: the one way out. Any thread.

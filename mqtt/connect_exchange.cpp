@@ -55,6 +55,10 @@ Result SelfMqttImpl::Connect(ConnectOption& option, ConnectAck* ack) {
 }
 
 Result SelfMqttImpl::Connect(Session& session, ConnectOption& option, ConnectAck* ack) {
+  {
+    const util::MutexLock lock(session.send_mutex_);
+    session.disconnect_called_ = false;
+  }
   const bool mqtt5 = option.protocol == Session::k_mqtt5;
   if (mqtt5) option.maximum_packet_size = k_max_rx_buf_;  // what the receive buffer holds
   broker_reason_code_ = 0;
@@ -64,6 +68,7 @@ Result SelfMqttImpl::Connect(Session& session, ConnectOption& option, ConnectAck
   }
   if (tx_buf_ == nullptr) return kFailure;
 
+  Request request{*this, session, MsgType::CONNECT, -1, ack};
   util::MutexLock body_lock(message_id_mutex_);
   PacketWriter body(tx_buf_.get(), static_cast<size_t>(k_max_tx_buf_));
   const uint8_t flags = ConnectFlags(option);
@@ -82,7 +87,7 @@ Result SelfMqttImpl::Connect(Session& session, ConnectOption& option, ConnectAck
   if (!option.user_name.empty()) body.AppendString(option.user_name);
   if (!option.password.empty()) body.AppendString(option.password);
   if (!BodyFits("CONNECT", body)) return kInvalidArgument;
-  return Request{*this, session, MsgType::CONNECT, -1, ack}.Send(body.begin(), body.end(), &body_lock);
+  return request.Send(body.begin(), body.end(), &body_lock);
 }
 
 void SelfMqttImpl::AppendConnectProperties(PacketWriter& body, ConnectOption& option) {

@@ -80,6 +80,7 @@ Result SelfMqttImpl::StartClient(ConnectOption& option, ConnectAck* ack) {
     }
     lifecycle_.EndStart();
   });
+  (void)StopRecvThread();    // a stop inside message_cb has left its thread
   SetTag(option.client_id);  // a stop that was still running has cleared it
   Start start(*this, option);
   if (const Result result = start.Connect(); result != kSuccess) return result;
@@ -91,6 +92,11 @@ Result SelfMqttImpl::StartClient(ConnectOption& option, ConnectAck* ack) {
 Result SelfMqttImpl::Start::Connect() {
   client.status_ = k_idle;
   client.dis_reason_ = k_no_reason;
+  {
+    const std::shared_ptr<Session> before = client.lifecycle_.Current();
+    const util::MutexLock lock(client.message_id_mutex_);
+    before->message_id_ = 0;
+  }
   if (cancel_fd < 0) CLIENT_LOG_AS(kStartClient, LOG_WARNING, "no descriptor: a stop waits for the connect");
   Result result = ChooseAddresses();
   if (result == kSuccess) result = PrepareTls();
@@ -200,17 +206,19 @@ Result SelfMqttImpl::Start::OpenSession() {
   CLIENT_LOG_AS(kStartClient, LOG_DEBUG, "before connect mqtt client");
   std::string path;
   const std::shared_ptr<util::SocketClient> socket = ConnectToAny(path);
-  std::shared_ptr<const ConnectOption> kept = client.lifecycle_.Current()->option_;
+  std::shared_ptr<Session> before = client.lifecycle_.Current();
+  std::shared_ptr<const ConnectOption> kept =
+      before->option_;  // the socket of a failed connect changes nothing
   if (socket->IsConnected()) {
     const auto copy = std::make_shared<ConnectOption>(option);
     if (copy->protocol == Session::k_mqtt5) copy->maximum_packet_size = client.k_max_rx_buf_;
     kept = copy;
   }
-  // The socket of a failed connect stays with the options of the session before.
   session = std::make_shared<Session>(std::move(kept), timeout_sec, socket, ssl);
-  std::shared_ptr<Session> before = client.lifecycle_.Install(session);
-  before->ack_event_q_.Clear();  // its requests end
-  before.reset();                // and perhaps the application's callables, which may call the client
+  session->Inherit(*before);
+  (void)client.lifecycle_.Install(session);
+  if (socket->IsConnected()) before->ack_event_q_.Clear();  // its requests end
+  before.reset();  // and perhaps the application's callables, which may call the client
   if (!socket->IsConnected()) {
     CLIENT_LOG_AS(kStartClient, LOG_ERR, "Cannot connect to %s", path.c_str());
     return kInvalidArgument;

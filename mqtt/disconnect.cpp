@@ -25,10 +25,10 @@ Result SelfMqttImpl::Disconnect(Session& session, DisconnectOption* option) {
     return kSuccess;
   }
   if (tx_buf_ == nullptr) return kFailure;
+  Request request{*this, session, MsgType::DISCONNECT};
   util::MutexLock body_lock(message_id_mutex_);
   PacketWriter body(tx_buf_.get(), static_cast<size_t>(k_max_tx_buf_));
   if (option != nullptr && session.mqtt5()) BuildDisconnect(body, *option);
-  Request request{*this, session, MsgType::DISCONNECT};
   const Result result =
       BodyFits("DISCONNECT", body) ? request.Send(body.begin(), body.end(), &body_lock) : kInvalidArgument;
   if (result != kSuccess) {
@@ -84,7 +84,8 @@ Result SelfMqttImpl::FinishStop(Lifecycle::Stop stop, DisconnectOption* option) 
     lifecycle_.EndStop();
     stop = Lifecycle::Stop::kNothing;
   }
-  if (stop == Lifecycle::Stop::kNothing) CLIENT_LOG_AS(kStopClient, LOG_DEBUG, "Client is already stopped");
+  if (stop == Lifecycle::Stop::kNothing || stop == Lifecycle::Stop::kMarked)
+    CLIENT_LOG_AS(kStopClient, LOG_DEBUG, "Client is already stopped");
   if (stop == Lifecycle::Stop::kIgnored)
     CLIENT_LOG_AS(kStopClient, LOG_DEBUG, "Ignore StopClient as already stopping");
   if (stop != Lifecycle::Stop::kOwner) return kSuccess;

@@ -97,8 +97,9 @@ void Lifecycle::EndStart() {
 bool Lifecycle::Confirm(const Session& own, std::atomic<int32_t>* status) {
   const util::MutexLock lock(stop_mutex_);
   int32_t connected = 1;
-  if (session_.get() != &own || !status->compare_exchange_strong(connected, 2)) return false;
-  if (state_ == State::kExchanging) state_ = thread_running_ ? State::kUp : State::kEnded;
+  if (session_.get() != &own || state_ != State::kExchanging) return false;
+  if (!status->compare_exchange_strong(connected, 2)) return false;
+  state_ = thread_running_ ? State::kUp : State::kEnded;
   changed_.Broadcast();
   return true;
 }
@@ -118,17 +119,23 @@ Lifecycle::Stop Lifecycle::BeginStop() {
     if (state_ != State::kIdle) return Stop::kNothing;  // others have come in since
   }
   if (state_ == State::kConnecting) return Stop::kMarked;
-  if (state_ == State::kStopping) return Stop::kIgnored;
-  state_ = State::kStopping;
-  return Stop::kOwner;
+  return state_ == State::kStopping ? Stop::kIgnored : ClaimStop();
 }
 
 Lifecycle::Stop Lifecycle::BeginStopOf(const Session& own, int64_t patience_us) {
   const int64_t deadline_us = util::MonotonicUs() + patience_us;
   const util::MutexLock lock(stop_mutex_);
-  while (session_.get() == &own && state_ == State::kStopping && AwaitChange(deadline_us)) continue;
-  if (session_.get() != &own || state_ == State::kStopping || state_ == State::kConnecting)
-    return Stop::kNothing;
+  if (session_.get() == &own && state_ == State::kStopping) {
+    while (session_.get() == &own && state_ == State::kStopping && AwaitChange(deadline_us)) continue;
+    return Stop::kIgnored;
+  }
+  const bool others = session_.get() != &own || state_ == State::kConnecting;
+  return others ? Stop::kNothing : ClaimStop();
+}
+
+// With stop_mutex_ held. An idle client has something to stop only if a failed start has left a socket.
+Lifecycle::Stop Lifecycle::ClaimStop() {
+  if (state_ == State::kIdle && session_->Socket() == nullptr) return Stop::kNothing;
   state_ = State::kStopping;
   return Stop::kOwner;
 }

@@ -57,7 +57,8 @@ class Lifecycle {
   Result LaunchThread(std::function<void()> body);
   /// Ends a start that has made no thread: connecting becomes idle.
   void EndStart();
-  /// The start of `own` has succeeded if it can still move `status` from 1 to 2.
+  /// The start of `own` has succeeded, unless a stop was earlier: moves `status` from 1 to 2. False: it has
+  /// failed.
   [[nodiscard]] bool Confirm(const Session& own, std::atomic<int32_t>* status);
 
   // ---- A stop, on any thread.
@@ -70,7 +71,7 @@ class Lifecycle {
   /// A start that is still connecting gives up first; the call waits for that.
   [[nodiscard]] Stop BeginStop();
   /// The same for a start that has failed, which must stop `own` and no other Session. Waits up to
-  /// `patience_us` for a stop that runs.
+  /// `patience_us` for a stop that runs, which has done its work then.
   [[nodiscard]] Stop BeginStopOf(const Session& own, int64_t patience_us);
   /// The owner's: returns when the receive thread has taken its last step, and joins it.
   void AwaitThreadEnd();
@@ -93,6 +94,7 @@ class Lifecycle {
   enum class State { kIdle, kConnecting, kExchanging, kUp, kStopping, kEnded };
 
   bool AbortStart();
+  Stop ClaimStop();
   bool AwaitChange(int64_t deadline_us);
 
   mutable util::Mutex stop_mutex_;  // guards everything below

@@ -155,6 +155,7 @@ bool SelfMqttImpl::Inbound::Decode() {
 }
 
 void SelfMqttImpl::Inbound::DecodeConnack() {
+  session.connack_seen_ = true;
   uint8_t flags = 0;
   uint8_t code = 0;
   event.records = std::make_unique<AckRecords>();

@@ -39,6 +39,7 @@ Result SelfMqttImpl::Publish(MqttWrapper::PublishOption& option) {
   }
   if (tx_buf_ == nullptr) return kFailure;
   const std::shared_ptr<Session> session = lifecycle_.Current();
+  Request request{*this, *session, MsgType::PUBLISH};
   util::MutexLock body_lock(message_id_mutex_);
   PacketWriter body(tx_buf_.get(), static_cast<size_t>(k_max_tx_buf_));
   body.AppendString(option.topic);
@@ -63,8 +64,10 @@ Result SelfMqttImpl::Publish(MqttWrapper::PublishOption& option) {
   }
   CLIENT_LOG(LOG_DEBUG, "topic [%s] qos %d retain %d duplicated %d message_id [%d]", option.topic.c_str(),
              option.qos, option.retain ? 1 : 0, option.duplicated ? 1 : 0, message_id);
-  Request request{*this,   *session,      MsgType::PUBLISH, message_id,
-                  nullptr, option.retain, option.qos,       option.duplicated};
+  request.message_id = message_id;
+  request.retain = option.retain;
+  request.qos = option.qos;
+  request.dup = option.duplicated;
   const Result result = request.Send(body.begin(), body.end(), &body_lock);
   if (result != kSuccess || option.qos != 2) return result;
   std::list<PairedString> no_property;

@@ -84,7 +84,6 @@ void SelfMqttImpl::RecvThread(const std::shared_ptr<Session>& session) {
     }
     loop.CleanUp();
   }
-  session->ack_event_q_.Enqueue(AckEvent());
   status_ = k_disconnected;
 
   // From here on the thread works on copies: after its last step the client may be gone.
@@ -114,7 +113,7 @@ bool SelfMqttImpl::RecvLoop::SetUp() {
   ZEB_LOG_AS(kRecvThread, LOG_DEBUG, "TID [%ld]", tid);
   ZEB_KERNEL_LOG_ECHO("echo \"%s %d: TID [%ld]\n\" > /dev/kmsg", kRecvThread, __LINE__, tid);
   client.network_manager_.SetEventCb([&of = client](util::EventDic& event) { of.EventCb(event); },
-                                     socket != nullptr ? socket->GetFd() : -1);
+                                     socket->GetFd());
   if (!stream.Allocate(client.k_max_rx_buf_)) {
     CLIENT_LOG_AS(kRecvThread, LOG_DEBUG, "Cannot alloc receive buf");
     return false;
@@ -151,7 +150,7 @@ bool SelfMqttImpl::RecvLoop::CreateEpoll() {
     return false;
   }
   const std::pair<int, uint32_t> watched[kMaxEvents] = {
-      {socket != nullptr ? socket->GetFd() : -1, EPOLLIN},
+      {socket->GetFd(), EPOLLIN},
       {event_fd, EPOLLIN},
       {timer.get(), kReadable},
   };
@@ -273,6 +272,7 @@ void SelfMqttImpl::RecvLoop::CleanUp() {
   CLIENT_LOG_AS(kRecvThread, LOG_DEBUG, "keep_thread_ %d dis_reason_ [%d]", session.keep_thread_ ? 1 : 0,
                 client.dis_reason_.load());
   client.network_manager_.UnsetEventCb();
+  session.ack_event_q_.Enqueue(AckEvent());
 }
 
 }  // namespace zeb::mqtt

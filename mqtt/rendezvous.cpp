@@ -87,9 +87,9 @@ bool SelfMqttImpl::Request::Admit() {
   PingWatch::Judgement earlier_ping;
   util::MutexLock lock(session.send_mutex_);
   const bool ended = session.disconnect_called_;
-  // While CONNECT's write is still to return, an answer on the receive thread proves that it has left.
-  const bool begun =
-      session.connect_sent_ || type == MsgType::CONNECT || (session.connect_begun_ && receiving);
+  // While CONNECT's write is still to return, CONNACK proves that it has left.
+  const bool answered = receiving && session.connack_seen_ && session.connect_begun_;
+  const bool begun = type == MsgType::CONNECT || session.connect_sent_ || answered;
   const bool admitted = begun && !ended;
   if (type != MsgType::PINGREQ || session.ping_.waits()) awaited = AckOf(type, qos);
   if (admitted && type == MsgType::CONNECT) session.connect_begun_ = true;

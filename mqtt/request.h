@@ -25,11 +25,11 @@ struct SelfMqttImpl::Request {
   SelfMqttImpl& client;
   Session& session;
   const MsgType type;
-  const int message_id = -1;  // of the acknowledgement; 0 or less: any
+  int message_id = -1;        // of the acknowledgement; 0 or less: any
   void* const ack = nullptr;  // the record that the type fills, or null
-  const bool retain = false;
-  const uint8_t qos = 0;
-  const bool dup = false;
+  bool retain = false;
+  uint8_t qos = 0;
+  bool dup = false;
 
   // What the steps share.
   const bool receiving = client.lifecycle_.OnReceiveThread();

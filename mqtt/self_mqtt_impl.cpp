@@ -30,8 +30,8 @@ SelfMqttImpl::~SelfMqttImpl() { Shutdown(); }
 
 void SelfMqttImpl::Shutdown() {
   lifecycle_.Close();
-  (void)StopRecvThread();       // kNotStarted: nothing to end,
-  lifecycle_.AwaitThreadEnd();  // but a stop inside message_cb leaves its thread to be joined
+  (void)StopRecvThread();  // kNotStarted: nothing to end
+  lifecycle_.Current()->Close();
   lifecycle_.EndStop();
 }
 

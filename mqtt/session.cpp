@@ -34,7 +34,13 @@ int Session::EventFd() const {
 bool Session::StopOnItsWay() const {
   if (stop_asked()) return true;
   const util::MutexLock lock(send_mutex_);
-  return disconnect_called_;
+  return disconnect_called_ && connect_begun_;
+}
+
+void Session::Inherit(const Session& before) {
+  const util::MutexLock lock(before.send_mutex_);
+  disconnect_called_ = before.disconnect_called_;
+  ping_.Begin(before.ping_.waits(), false);
 }
 
 void Session::SetEventFd(util::ScopedFd event_fd) {
@@ -57,7 +63,6 @@ void Session::Close() {
   util::MutexLock lock(socket_mutex_);
   const std::shared_ptr<util::SslWrapper> ssl = std::move(ssl_wrapper_);
   const std::shared_ptr<util::SocketClient> socket = std::move(socket_client_);
-  event_fd_.Reset();
   lock.Unlock();
   if (socket != nullptr) socket->Shutdown();
 }

@@ -39,19 +39,22 @@ struct Session {
   [[nodiscard]] bool stop_asked() const { return (asked_ & k_stop) != 0; }
   /// Null once the Session is closed.
   [[nodiscard]] std::shared_ptr<util::SocketClient> Socket() const;
-  /// The control descriptor, -1 while there is none. It exists exactly as long as the client is started.
+  /// The control descriptor, -1 while there is none. It exists from the start of the receive thread until the
+  /// thread has been joined.
   [[nodiscard]] int EventFd() const;
-  /// Whether the application is ending the session: nothing that goes wrong then is a reason to report.
+  /// Whether the application is ending the session. A reset or a ping that fails is then no reason to report.
   [[nodiscard]] bool StopOnItsWay() const;
 
+  /// Takes over what holds until the next CONNECT, whatever connection it came from.
+  void Inherit(const Session& before);
   /// Takes the descriptor over.
   void SetEventFd(util::ScopedFd event_fd);
   void CloseEventFd() { SetEventFd({}); }
   /// Writes one of the control messages to the receive thread and sets its bit, since two messages that are
   /// written before one is read add up to a third text.
   void Ask(uint8_t bit);
-  /// Gives up socket, TLS context and control descriptor. Threads that are still sending return, and the last
-  /// of them frees the socket.
+  /// Gives up socket and TLS context. Threads that are still sending return, and the last of them frees the
+  /// socket.
   void Close();
 
   const std::shared_ptr<const ConnectOption> option_;
@@ -67,7 +70,7 @@ struct Session {
   mutable util::Mutex send_mutex_;  // the next four
   bool connect_begun_ = false;      // CONNECT is on its way,
   bool connect_sent_ = false;       // and has been written
-  bool disconnect_called_ = false;  // DISCONNECT is on its way or out
+  bool disconnect_called_ = false;  // DISCONNECT is on its way or out, and no CONNECT has begun since
   PingWatch ping_;
 
   util::Mutex ping_mutex_;  // one Ping at a time, held for the whole of it
@@ -75,6 +78,7 @@ struct Session {
   int32_t message_id_ = 0;  // the identifier handed out last; the client's message_id_mutex_
 
   // The receive thread alone uses these.
+  bool connack_seen_ = false;           // the broker has answered CONNECT
   bool stopped_inside_ = false;         // message_cb stopped the client: this thread finishes the stop
   bool send_stalled_ = false;           // its last send ran into the time-out
   std::deque<int64_t> pending_drains_;  // start times of its packets that have not been seen to leave

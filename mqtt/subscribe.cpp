@@ -21,6 +21,7 @@ constexpr size_t kFilterOverhead = 3;  // bytes: length and options
 Result SelfMqttImpl::Subscribe(MqttWrapper::SubscribeOption& option, MqttWrapper::SubscriptionAck* ack) {
   if (tx_buf_ == nullptr) return kFailure;
   const std::shared_ptr<Session> session = lifecycle_.Current();
+  Request request{*this, *session, MsgType::SUBSCRIBE, -1, ack, false, kFixedQos};
   util::MutexLock body_lock(message_id_mutex_);
   PacketWriter body(tx_buf_.get(), static_cast<size_t>(k_max_tx_buf_));
   const int message_id = NextMessageId(*session);
@@ -32,7 +33,7 @@ Result SelfMqttImpl::Subscribe(MqttWrapper::SubscribeOption& option, MqttWrapper
   const Result result = AppendFilters(body, option);
   if (result != kSuccess) return result;
   if (!BodyFits("SUBSCRIBE", body)) return kInvalidArgument;
-  Request request{*this, *session, MsgType::SUBSCRIBE, message_id, ack, false, kFixedQos};
+  request.message_id = message_id;
   return request.Send(body.begin(), body.end(), &body_lock);
 }
 
@@ -84,6 +85,7 @@ Result SelfMqttImpl::Unsubscribe(MqttWrapper::UnsubscribeOption& option,
                                  MqttWrapper::UnsubscriptionAck* ack) {
   if (tx_buf_ == nullptr) return kFailure;
   const std::shared_ptr<Session> session = lifecycle_.Current();
+  Request request{*this, *session, MsgType::UNSUBSCRIBE, -1, ack, false, kFixedQos};
   util::MutexLock body_lock(message_id_mutex_);
   PacketWriter body(tx_buf_.get(), static_cast<size_t>(k_max_tx_buf_));
   const int message_id = NextMessageId(*session);
@@ -97,7 +99,7 @@ Result SelfMqttImpl::Unsubscribe(MqttWrapper::UnsubscribeOption& option,
   }
   for (const std::string& filter : option.topics) body.AppendString(filter);
   if (!BodyFits("UNSUBSCRIBE", body)) return kInvalidArgument;
-  Request request{*this, *session, MsgType::UNSUBSCRIBE, message_id, ack, false, kFixedQos};
+  request.message_id = message_id;
   return request.Send(body.begin(), body.end(), &body_lock);
 }
 

@@ -216,7 +216,7 @@ class Simulation {
   bool deleted_ = false;
   std::atomic<int32_t> status_{0};
   std::atomic<int> connecting_{0}, running_{0}, owners_{0}, calls_{0};
-  const test::Mailbox<int> gone_;  // receive threads
+  const test::Mailbox<int> gone_{};  // receive threads
 };
 
 TEST(Lifecycle, HasOneOwnerInEveryOrder) {

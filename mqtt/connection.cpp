@@ -217,7 +217,12 @@ Result SelfMqttImpl::Start::OpenSession() {
   session = std::make_shared<Session>(std::move(kept), timeout_sec, socket, ssl);
   session->Inherit(*before);
   (void)client.lifecycle_.Install(session);
-  if (socket->IsConnected()) before->ack_event_q_.Clear();  // its requests end
+  if (socket->IsConnected()) {  // the requests of the last connection end
+    before->ack_event_q_.Clear();
+    if (const auto connected = before->last_connected_.lock()) connected->ack_event_q_.Clear();
+  } else {
+    session->last_connected_ = before->last_connected_.expired() ? before : before->last_connected_.lock();
+  }
   before.reset();  // and perhaps the application's callables, which may call the client
   if (!socket->IsConnected()) {
     CLIENT_LOG_AS(kStartClient, LOG_ERR, "Cannot connect to %s", path.c_str());

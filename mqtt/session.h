@@ -77,6 +77,8 @@ struct Session {
   AckQueue ack_event_q_;    // has a lock of its own
   int32_t message_id_ = 0;  // the identifier handed out last; the client's message_id_mutex_
 
+  std::weak_ptr<Session> last_connected_;  // of a failed start: whose requests may still wait; starts alone
+
   // The receive thread alone uses these.
   bool connack_seen_ = false;           // the broker has answered CONNECT
   bool stopped_inside_ = false;         // message_cb stopped the client: this thread finishes the stop

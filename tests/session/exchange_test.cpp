@@ -202,6 +202,9 @@ TEST(Request, ThatOutlivesItsSessionLeavesTheNextOneItsAnswers) {
   ASSERT_EQ(session.ends.Await(1).size(), 1U);
   answers = true;
   ASSERT_EQ(session.Stop(), kSuccess);
+  auto refused = session.option;
+  refused.port = 1;  // nobody listens there
+  EXPECT_EQ(session.client.StartClient(refused, nullptr), kInvalidArgument);
   ASSERT_EQ(session.Start(), kSuccess);
   std::future<Result> fresh[] = {session.PublishAsync(1), session.PublishAsync(1)};
   for (auto& each : old) EXPECT_LT(Seconds([&] { EXPECT_EQ(each.get(), kFailure); }), 5.0);

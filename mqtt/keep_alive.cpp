@@ -71,6 +71,8 @@ Result SelfMqttImpl::Pong(Session& session) {
     const util::MutexLock lock(session.send_mutex_);
     if (session.ping_.quiet()) return kSuccess;
     judgement = session.ping_.Judge(util::BootTimeUs(), session.timeout_us());
+    const bool stopping = session.stop_asked() || (session.disconnect_called_ && session.connect_begun_);
+    if (stopping && !judgement.healthy()) return kSuccess;  // no reason to report
   }
   return LogJudgement(judgement, session);
 }

@@ -155,7 +155,9 @@ bool SelfMqttImpl::Inbound::Decode() {
 }
 
 void SelfMqttImpl::Inbound::DecodeConnack() {
-  session.connack_seen_ = true;
+  util::MutexLock lock(session.send_mutex_);
+  session.connack_seen_ = session.connect_begun_;
+  lock.Unlock();
   uint8_t flags = 0;
   uint8_t code = 0;
   event.records = std::make_unique<AckRecords>();

@@ -113,7 +113,7 @@ bool SelfMqttImpl::RecvLoop::SetUp() {
   ZEB_LOG_AS(kRecvThread, LOG_DEBUG, "TID [%ld]", tid);
   ZEB_KERNEL_LOG_ECHO("echo \"%s %d: TID [%ld]\n\" > /dev/kmsg", kRecvThread, __LINE__, tid);
   client.network_manager_.SetEventCb([&of = client](util::EventDic& event) { of.EventCb(event); },
-                                     socket->GetFd());
+                                     socket != nullptr ? socket->GetFd() : -1);
   if (!stream.Allocate(client.k_max_rx_buf_)) {
     CLIENT_LOG_AS(kRecvThread, LOG_DEBUG, "Cannot alloc receive buf");
     return false;
@@ -150,7 +150,7 @@ bool SelfMqttImpl::RecvLoop::CreateEpoll() {
     return false;
   }
   const std::pair<int, uint32_t> watched[kMaxEvents] = {
-      {socket->GetFd(), EPOLLIN},
+      {socket != nullptr ? socket->GetFd() : -1, EPOLLIN},
       {event_fd, EPOLLIN},
       {timer.get(), kReadable},
   };
@@ -183,7 +183,7 @@ bool SelfMqttImpl::RecvLoop::Pass() {
       return false;
     }
   }
-  if (client.Pong(session) != kSuccess && !session.StopOnItsWay()) {
+  if (client.Pong(session) != kSuccess) {
     client.EndSession(session, k_ping_failure);
     return false;
   }
